@@ -1,0 +1,247 @@
+/*
+ * lumregion.h - recoverable, memory-resident storage for a host process.
+ *
+ * A host creates named regions. A region is one stretch of address space,
+ * reserved once up to a hard limit, that holds a heap image. Everything the
+ * image stores refers to other things by byte offsets from the image's base,
+ * so the image can be written to disk and brought back at any address.
+ *
+ * Region types
+ *   LUM_REGION_PERSISTENT  the image is backed by files in a directory: every
+ *                          change is logged, commits reach a log file, a
+ *                          background thread checkpoints dirty pages, and a
+ *                          close writes a whole snapshot.
+ *   LUM_REGION_VOLATILE,
+ *   LUM_REGION_SCRATCH     the image lives in memory only and has no files.
+ *                          The two behave alike; the number is kept and
+ *                          reported so that a host can tell its kinds apart.
+ *
+ * Life of the library
+ *   1. LumRegionPropMgrInitialise and LumRegionArgMgrInitialise on the host's
+ *      property and argument managers (lum_rs.h), then the host loads its
+ *      configuration and parses its command line.
+ *   2. LumRegionStartup once. A second call, also after LumRegionShutdown,
+ *      returns 0 and does nothing: the library starts once per process.
+ *   3. Create regions, work with them, close or drop every one of them.
+ *   4. LumRegionShutdown once. No region operation is allowed after it.
+ *
+ * Threads
+ *   The host sees to it that one thread at a time changes a region. The
+ *   background thread "REGIONCHKPT" visits registered regions on its own.
+ *   LumRegionLockForRead, LumRegionLockForWrite and LumRegionUnlock do nothing.
+ *
+ * Caveats
+ *   - Handles are not reference-checked: a handle must not be used after
+ *     LumRegionClose or LumRegionDrop.
+ *   - Up to 256 regions are registered for the background thread; further
+ *     regions work but are never visited by it.
+ *
+ * Results: int32_t codes, 0 for success. The library's own codes are the
+ * LUM_RC_ constants below; besides them stand 12 (no memory, or a mutex that
+ * cannot be made) and -19 (general failure or bad argument, also for a null
+ * handle or a null out pointer). LumRCToString (lum_rs.h) gives their texts.
+ *
+ * The header compiles as C99 and as C++.
+ */
+#ifndef LUMREGION_H
+#define LUMREGION_H
+
+#include <stdint.h>
+
+#include "lum_rs.h"
+
+#if defined(LUMREGION_BUILDING)
+#define LUMREGION_API __attribute__((visibility("default")))
+#else
+#define LUMREGION_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Version of the library, as registered with LumVersionInfoRegister. */
+#define LUMREGION_VERSION "0.1.0"
+
+/* ---------------------------------------------------------------------- */
+/* Result codes                                                           */
+/* ---------------------------------------------------------------------- */
+
+#define LUM_RC_OK 0
+#define LUM_RC_NO_MEMORY 12            /**< no memory, or a mutex that cannot be made */
+#define LUM_RC_FAILURE (-19)           /**< general failure, bad argument */
+#define LUM_RC_BAD_SEGMENT_ID (-22)    /**< bad segment index */
+#define LUM_RC_FILE_CREATE (-1)        /**< a new region's working file cannot be created */
+#define LUM_RC_RESERVE (-401)          /**< "Failed to reserve swap space for region" */
+#define LUM_RC_SOFT_LIMIT (-402)       /**< "Region soft limit exceeded" */
+#define LUM_RC_EXTEND (-403)           /**< "Failed to extend region" */
+#define LUM_RC_SHRINK (-404)           /**< "Failed to shrink region" (never returned) */
+#define LUM_RC_ALLOCATOR_TYPE (-405)   /**< "Invalid allocator type requested" */
+#define LUM_RC_MAX_SEGMENTS (-406)     /**< "Maximum segments for region reached" */
+#define LUM_RC_MAX_SEGMENT_SIZE (-407) /**< "Maximum size of segment reached" */
+#define LUM_RC_DOUBLE_FREE (-408)      /**< "Tried to free a free object" */
+#define LUM_RC_SOFT_ABOVE_HARD (-409)  /**< "Tried to increase soft limit beyond hard limit" */
+#define LUM_RC_SOFT_BELOW_USED                                                                     \
+    (-410) /**< "Tried to decrease soft limit to less than current size of region" */
+#define LUM_RC_BAD_FILES (-411)        /**< "Invalid data files" */
+#define LUM_RC_BAD_PATH (-412)         /**< "Path is invalid" */
+#define LUM_RC_SEGMENTS_REMAIN (-413)  /**< "Segment(s) remain in region" */
+#define LUM_RC_PRIMARY_SIZE (-499)     /**< "Invalid primary extent size" */
+#define LUM_RC_SECONDARY_SIZE (-498)   /**< "Invalid secondary extent size" */
+#define LUM_RC_SEGMENT_INDEX (-497)    /**< "Segment map index exceeded" */
+#define LUM_RC_SEGMENT_OFFSET (-496)   /**< "Segment map offset invalid" */
+#define LUM_RC_SEGMENT_MISMATCH (-495) /**< "Segment map offset/primary extent offset mismatch" */
+#define LUM_RC_FREE_EXTENT (-494)      /**< "Free extent" */
+#define LUM_RC_EXTENT_KIND (-493)      /**< "Invalid extent kind" */
+#define LUM_RC_FENCE_FREE (-492)       /**< a fence chunk marked free; has no registered text */
+#define LUM_RC_BAD_CHUNK (-491)        /**< "Invalid chunk" */
+#define LUM_RC_EXTENT_STATS (-490)     /**< "Extent statistics mismatch" */
+
+/* ---------------------------------------------------------------------- */
+/* Configuration                                                          */
+/* ---------------------------------------------------------------------- */
+
+/* Properties, all in the group "Store", and the options that set them:
+ *   Region.ProtectAll        "-regionprotectall"          default 0, option sets 1
+ *   Region.MutationCheck     "-regionmutationcheck"       default 0, option sets 1
+ *   Region.VerifyOnRecovery  "-regionnoverifyonrecovery"  default 1, option sets 0
+ * They are read once, by LumRegionStartup. */
+
+/** Defines the library's three properties in @p properties, with their
+ *  defaults, in the group "Store".
+ *  @return 0, or the first failure of LumPropMgrDefineWithFlags (the
+ *  properties before it stay defined); -19 for a null manager. */
+LUMREGION_API int32_t LumRegionPropMgrInitialise(LumPropMgr *properties);
+
+/** Defines the library's three command-line options in @p arguments; each
+ *  assigns the opposite of its property's default.
+ *  @return 0, or the first failure of LumArgMgrDefineWithFlags; -19 for a
+ *  null manager. */
+LUMREGION_API int32_t LumRegionArgMgrInitialise(LumArgMgr *arguments);
+
+/* ---------------------------------------------------------------------- */
+/* Start and stop                                                         */
+/* ---------------------------------------------------------------------- */
+
+/** Starts the library: reads the page size and the three properties from
+ *  @p properties (a missing property leaves protection off, mutation checks
+ *  off and verification on recovery on), registers the result codes, starts
+ *  the thread "REGIONCHKPT", and keeps @p home, the data directory, with a
+ *  trailing '/'.
+ *  Runs once per process: after a success, or after LumRegionShutdown, it
+ *  returns 0 and does nothing. A failed start may be retried.
+ *  @return 0, or the runtime's code of the failing step (12 when memory, a
+ *  mutex, the event or the thread cannot be had); -19 for a null @p home or
+ *  one longer than 263 bytes. Logs nothing. */
+LUMREGION_API int32_t LumRegionStartup(LumPropMgr *properties, const char *home);
+
+/** Stops the background thread and destroys the registry's mutex. Regions
+ *  still open stay in memory with their files untouched; the host should
+ *  close them first. @return 0. */
+LUMREGION_API int32_t LumRegionShutdown(void);
+
+/* ---------------------------------------------------------------------- */
+/* Regions                                                                */
+/* ---------------------------------------------------------------------- */
+
+/** Opaque handle of an open region. */
+typedef struct LumRegion LumRegion;
+
+#define LUM_REGION_PERSISTENT 1
+#define LUM_REGION_VOLATILE 2
+#define LUM_REGION_SCRATCH 3
+
+#define LUM_REGION_NAME_MAX 43 /**< bytes of a region name, without the NUL */
+
+/** What LumRegionGetInfo reports. */
+typedef struct LumRegionInfo {
+    char name[LUM_REGION_NAME_MAX + 1];
+    int32_t type;
+    uint32_t hard_limit;    /**< bytes reserved, a multiple of 1 MiB */
+    uint32_t soft_limit;    /**< the most the image may grow to */
+    int32_t protect;        /**< the region's own protection switch */
+    int32_t checkpointing;  /**< non-zero: the background thread may visit it */
+    void *base;             /**< address of the image */
+    uint32_t used;          /**< bytes of the image in use, a page multiple */
+    uint32_t segment_count; /**< segments in the image */
+} LumRegionInfo;
+
+/** Creates region @p name (at most 43 bytes) of @p type.
+ *
+ *  @p hard_limit is rounded up to 1 MiB and reserved at once; @p soft_limit,
+ *  rounded up to a page, bounds the image's growth and may be raised later
+ *  up to the hard limit. @p largest_record sizes the log buffer of a
+ *  persistent region. @p protect non-zero keeps the image's pages read-only
+ *  between logged writes. @p directory, ending in '/', holds a persistent
+ *  region's files; it is ignored for the volatile types.
+ *
+ *  On success *region is the handle and *base the image's address; on
+ *  failure neither is written.
+ *  @return 0;
+ *    -19  bad argument: null name or out pointer, a name over 43 bytes, a
+ *         type other than 1, 2 and 3, a persistent region without directory
+ *         or with one beginning with '.', or directory, name and ".tabnew"
+ *         longer than 263 bytes together;
+ *    12   no memory, or a mutex cannot be made;
+ *    -401 the address space cannot be reserved (also for a hard limit of 0);
+ *    -402 the soft limit is below the size of the region header;
+ *    -403 the first page cannot be committed;
+ *    -1   a working file cannot be created. */
+LUMREGION_API int32_t LumRegionCreate(const char *name, int32_t type, uint32_t hard_limit,
+                                      uint32_t soft_limit, uint32_t largest_record, int32_t protect,
+                                      const char *directory, LumRegion **region, void **base);
+
+/** Ends the host's use of @p region. A persistent region is first synced to
+ *  its ".tab" file; the working files go when the sync succeeded. The handle
+ *  is gone when the call returns, also when the sync failed.
+ *  @return 0 for a volatile region; the sync's result for a persistent one;
+ *  -19 for a null handle. */
+LUMREGION_API int32_t LumRegionClose(LumRegion *region);
+
+/** Ends @p region and deletes all its files. Refused while segments remain.
+ *  @return 0 (the handle is gone); -413 when segments remain (nothing
+ *  changed, the host still owns the handle); -19 for a null handle. */
+LUMREGION_API int32_t LumRegionDrop(LumRegion *region);
+
+/** Writes a snapshot of every open persistent region into directory
+ *  @p path: "<path>/<name>.tab", written as ".tabnew", forced to disk and
+ *  renamed. The regions stay open and their working files untouched.
+ *  @p path may end in '/' or not and may hold environment references ($NAME
+ *  or ${NAME}); a missing directory is created, one level deep. The data
+ *  directory given to LumRegionStartup is refused, compared by name without
+ *  regard to case. Holds the registry for the whole call, so the background
+ *  thread waits meanwhile. The host must not change a region while it syncs.
+ *  @return 0; -412 for the data directory; 12; a code of the path
+ *  conversion or expansion; the errno of examining or creating the
+ *  directory; else the first failure in registry order (an errno value, or
+ *  -19), after every region had its attempt; -19 for a null path. */
+LUMREGION_API int32_t LumRegionSyncAll(const char *path);
+
+/** Fills @p info from the handle and the image; does nothing when either
+ *  pointer is null. Takes no lock. */
+LUMREGION_API void LumRegionGetInfo(LumRegion *region, LumRegionInfo *info);
+
+/** Bytes in use in all segments of the region, worked out at each call;
+ *  0 for a null handle. */
+LUMREGION_API uint32_t LumRegionGetUsedBytes(LumRegion *region);
+
+/** Sets the soft limit to @p limit, unrounded.
+ *  @return 0; -409 above the hard limit; -410 below the used size; -19 for
+ *  a null handle. Equal to either bound is accepted. */
+LUMREGION_API int32_t LumRegionSetSoftLimit(LumRegion *region, uint32_t limit);
+
+/** Allows (@p on non-zero) or forbids the background thread to checkpoint a
+ *  persistent region. @return 0; -19 for a volatile region or a null handle. */
+LUMREGION_API int32_t LumRegionSetCheckpointing(LumRegion *region, int32_t on);
+
+/** These do nothing: the library has no readers-and-writers lock. The host
+ *  orders its own threads. */
+LUMREGION_API void LumRegionLockForRead(LumRegion *region);
+LUMREGION_API void LumRegionLockForWrite(LumRegion *region);
+LUMREGION_API void LumRegionUnlock(LumRegion *region);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* LUMREGION_H */

@@ -1,0 +1,153 @@
+// File formats and durability state: the header of every file, the redo
+// records of the logs, the log buffer and the dirty-page maps, and the
+// calls through which every change of the image reaches them.
+//
+// Files of a persistent region (directory + name + suffix):
+//   "_0.chk", "_1.chk"  checkpoint images, by generation parity
+//   "_0.log", "_1.log"  logs, by generation parity
+//   ".tab"              the whole image, written by a sync
+//   ".tabnew"           a snapshot being written; renamed to ".tab" when whole
+// Every file starts with a FileHeader. A .chk or .tab file is the image
+// page for page (image offset N at file offset N), except that the header
+// stands in place of the image's first 32 bytes, which the image reserves
+// for it. A log is a header and then records back to back from offset 32.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "layout.h"
+#include "region.h"
+
+// FileHeader: 32 bytes at the head of every file.
+namespace file_header {
+inline constexpr uint32_t kMagic = 0;      // "LSB\0": the only field a reader judges
+inline constexpr uint32_t kVersion = 4;    // "010\0": written, never read
+inline constexpr uint32_t kGeneration = 8; // the generation the file belongs to
+inline constexpr uint32_t kTimestamp = 12; // seconds since 1970, signed
+inline constexpr uint32_t kPageSize = 16;  // page size of the writer
+inline constexpr uint32_t kReserved = 20;  // 12 zero bytes
+inline constexpr uint32_t kSize = 32;
+inline constexpr char kMagicText[4] = "LSB";
+inline constexpr char kVersionText[4] = "010";
+static_assert(kReserved + 12 == kSize);
+static_assert(kSize <= region_header::kSegmentMap, "the header fits the image's reserved bytes");
+} // namespace file_header
+
+// Types of the records in a log file.
+enum LogRecordType : uint32_t {
+    LOG_DATA = 0,       // redo: payload of `length` bytes for image offset `value`
+    LOG_SIZE = 1,       // the image's used size is `value` from here on
+    LOG_CHECKPOINT = 2, // the chk file of this log's parity is complete
+    LOG_COMMIT = 3,     // everything before belongs to a commit
+};
+
+// LogRecord: a 12-byte head, then for LOG_DATA `length` bytes of payload
+// padded to a multiple of 4 (the filler is never read).
+namespace log_record {
+inline constexpr uint32_t kType = 0;
+inline constexpr uint32_t kLength = 4;
+inline constexpr uint32_t kValue = 8;
+inline constexpr uint32_t kHeadSize = 12;
+// The largest payload that recovery reads in one block.
+inline constexpr uint32_t kMaxPayload = 1048576;
+constexpr uint32_t Size(uint32_t type, uint32_t length) {
+    return kHeadSize + (type == LOG_DATA ? (length + 3) & ~3u : 0);
+}
+static_assert(Size(LOG_DATA, 5) == 20);
+static_assert(Size(LOG_COMMIT, 0) == 12);
+} // namespace log_record
+
+// The records of a persistent region waiting for the next flush, in the
+// form in which they go to the log. Invariant: data holds whole records
+// from 0 to used, and used <= capacity.
+struct LogBuffer {
+    uint32_t capacity;
+    uint8_t *data;
+    uint32_t used;
+};
+
+// One bit per page of the reservation: set when the page may differ from
+// the chk file of the map's parity. Allocated as one block: page_count,
+// then the bit words (page i is bit i % 32 of word i / 32), rounded up to
+// whole words. The writer sets bits while the checkpoint thread clears
+// them, so every bit operation is an atomic read-modify-write.
+struct DirtyMap {
+    int32_t page_count;
+    uint32_t *Words() { return reinterpret_cast<uint32_t *>(this + 1); }
+};
+static_assert(sizeof(DirtyMap) == 4);
+
+extern "C" {
+
+// fileheader.cc -------------------------------------------------------------
+
+// Writes a new header for `generation` at offset 0; the file position is
+// then 32. Returns 0, or -19 when fewer than 32 bytes were written.
+int32_t _LumFileHeaderWrite(int fd, uint32_t generation);
+// Reads the 32 header bytes at offset 0 without judging them. 0 or -19.
+int32_t _LumFileHeaderRead(int fd, uint8_t *header);
+
+// preadwrite.cc -------------------------------------------------------------
+
+// Seek to `offset`, then read or write `count` bytes. -1 when the seek does
+// not land; otherwise the transfer's result. A write from memory that
+// vanished under it gives -1 with errno EFAULT, and the process goes on.
+// One thread at a time per descriptor: the position is shared.
+ssize_t _LumPread(int fd, void *buffer, uint32_t count, int64_t offset);
+ssize_t _LumPwrite(int fd, const void *buffer, uint32_t count, int64_t offset);
+
+// utils.cc ------------------------------------------------------------------
+
+// Creates (truncating) directory + name + suffix, write-only, owner read
+// and write, into *fd. 0 when the descriptor is above 0, else -1.
+int32_t _LumRegionFileCreate(const char *name, const char *directory, const char *suffix, int *fd);
+
+// buffer.cc -----------------------------------------------------------------
+
+// A buffer for records of up to `size` bytes: capacity is the larger of
+// 131072 and size + 12. Null when memory fails.
+LogBuffer *_LumLogBufferCreate(uint32_t size);
+void _LumLogBufferDestroy(LogBuffer *buffer);
+
+// Appends a record to the region's log buffer; for LOG_DATA the payload is
+// copied from the image at base + value, as it stands now. Does nothing for
+// a volatile or offline region. Failure is a state: see log_failed.
+void _LumLogBufferAppend(LumRegion *region, uint32_t type, uint32_t value, uint32_t length);
+
+// Writes the buffer to the log of the current generation's parity,
+// restarting that log first when the generation has moved since the last
+// flush. Does nothing for a volatile or offline region, or a failed log.
+void _LumLogBufferFlush(LumRegion *region);
+
+// pagetable.cc --------------------------------------------------------------
+
+// A map for the pages of `size` bytes (rounded down to pages); null when it
+// would have no page or memory fails. Free with lum_free.
+DirtyMap *_LumDirtyMapCreate(uint32_t size);
+DirtyMap *_LumDirtyMapAlloc(int32_t page_count);
+// Sets (set != 0) or clears every bit of dirty_map[index], rounding included.
+void _LumDirtyMapFill(LumRegion *region, int32_t index, int32_t set);
+int32_t _LumDirtyMapTest(DirtyMap *map, uint32_t page);
+void _LumDirtyMapSet(DirtyMap *map, uint32_t page);
+void _LumDirtyMapClear(DirtyMap *map, uint32_t page);
+
+// Announces a change of [address, address + length), made already: logs the
+// bytes as they now stand, then marks their pages in both maps (image,
+// record, bits). Does nothing for a volatile region or a length of 0.
+void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length);
+
+// sync.cc -------------------------------------------------------------------
+
+// Writes the whole image of a persistent region to directory + name +
+// ".tab" by way of ".tabnew", forced to disk. Sets sync_failed. Returns 0,
+// errno of the failure, or -19 when errno is 0.
+int32_t _LumRegionSync(LumRegion *region, const char *directory);
+// `path` without its trailing separators (the first character always
+// stays), as a new string for lum_free. 0 or the conversion's code.
+int32_t _LumPathStrip(const char *path, char **stripped);
+// -412 when `path` (stripped already) names the home directory, compared
+// without regard to case; 0 otherwise; or the code of _LumPathStrip.
+int32_t _LumPathCheckHome(const char *home, const char *path);
+
+} // extern "C"

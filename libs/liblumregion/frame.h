@@ -1,0 +1,61 @@
+// Library-wide state and the frame shared by every mechanism: the globals
+// that LumRegionStartup fills, the registry of open regions, the message
+// sets, and the fixed sizes of names and paths.
+//
+// All globals are zero at load. After a successful start-up the page size,
+// the three property values, the catalogue and region_home never change,
+// so every thread reads them without a lock. region_debug and
+// region_mutation_debug are written by the runtime at any time and read
+// with relaxed atomic loads at each log call.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "lum_rs.h"
+#include "lumregion.h"
+
+// The path separator of this system, used wherever a directory must end in one.
+inline constexpr char kPathSeparator = '/';
+
+// Paths are built by concatenating a directory (with its separator), a
+// region name and a suffix into buffers of this size.
+inline constexpr size_t kPathBufferSize = 264;
+inline constexpr size_t kNameBufferSize = LUM_REGION_NAME_MAX + 1;
+// The longest suffix a region's file gets; name and directory are refused
+// when they would not fit a path buffer with it.
+inline constexpr char kLongestSuffix[] = ".tabnew";
+
+inline constexpr uint32_t kRegistrySlots = 256;
+
+// Catalogue sets of the library's log messages.
+inline constexpr uint32_t kSetReport = 2; // severities 1, 2 and 4
+inline constexpr uint32_t kSetError = 3;  // severities 4 and 5
+
+extern int32_t region_started;
+extern LumCatalog *region_catalog;
+extern int32_t region_debug;
+extern int32_t region_mutation_debug;
+extern uint32_t region_page_size;
+extern int32_t region_protect_all;
+extern int32_t region_mutation_check;
+extern int32_t region_verify_on_recovery;
+extern LumRegion *region_registry[kRegistrySlots];
+extern LumMutex *region_registry_mutex;
+extern LumEvent *region_checkpoint_event;
+extern LumThread *region_checkpoint_thread;
+// The data directory with its trailing separator: room for a region's
+// directory field and one separator more.
+extern char region_home[kPathBufferSize + 1];
+
+// The switch of the "region" facility, for severity-1 reports.
+inline int32_t RegionDebug() {
+    return __atomic_load_n(&region_debug, __ATOMIC_RELAXED);
+}
+
+// Sets the three property globals from `properties`, in table order; a
+// property that cannot be read takes its default.
+void RegionReadProperties(const LumPropMgr *properties);
+
+// The library's version string, "liblumregion: <version>".
+extern const char region_version[];

@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Builds the library and runs the demo host. Arguments go to the demo
+# (for instance -regionprotectall).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+cmake --preset default >/dev/null
+cmake --build --preset default --target lumdemo
+exec build/default/examples/lumdemo "$@"

@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite: the plain build, then under
+# AddressSanitizer + UndefinedBehaviorSanitizer, then under ThreadSanitizer.
+# Set LUM_WERROR=ON to treat warnings as errors (CI does), or
+# LUM_PRESETS="default" to run fewer builds.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+for preset in ${LUM_PRESETS:-default asan tsan}; do
+    echo "== $preset =="
+    cmake --preset "$preset" -DLUM_WERROR="${LUM_WERROR:-OFF}" >/dev/null
+    cmake --build --preset "$preset"
+    ctest --preset "$preset" -j "$(nproc)"
+done

@@ -1,0 +1,215 @@
+// Creating, inspecting, closing and dropping regions; the registry and the
+// references that the checkpoint thread takes.
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "region_fixture.h"
+
+namespace {
+
+int32_t CreateNamed(const char *name, int32_t type, const char *directory, LumRegion **region) {
+    void *base;
+    return LumRegionCreate(name, type, kMiB, kMiB, 0, 0, directory, region, &base);
+}
+
+int RegistrySlotOf(const LumRegion *region) {
+    for (uint32_t i = 0; i < kRegistrySlots; ++i) {
+        if (region_registry[i] == region)
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
+uint32_t RefCount(LumRegion *region) {
+    LumMutexLock(region->handle_mutex);
+    uint32_t count = region->ref_count;
+    LumMutexUnlock(region->handle_mutex);
+    return count;
+}
+
+} // namespace
+
+TEST_F(RegionTest, NewHeaderHasEmptyBinsAndTheTaggedPageSize) {
+    LumRegion *region = Create(kMiB, kMiB);
+    const uint8_t *base = region->base;
+    for (uint32_t at = 0; at < region_header::kExtentBins; at += 4)
+        ASSERT_EQ(ImageLoad32(base + at), 0u) << "reserved words, segment map and count at " << at;
+    for (uint32_t bin = 0; bin < bin_array::kBins - 1; ++bin) {
+        uint32_t sentinel = region_header::kExtentBins + bin_array::SentinelOffset(bin);
+        ASSERT_EQ(ImageLoad32(base + sentinel + bin_array::kLinkUp), sentinel) << "bin " << bin;
+        ASSERT_EQ(ImageLoad32(base + sentinel + bin_array::kLinkDown), sentinel) << "bin " << bin;
+    }
+    EXPECT_EQ(ImageLoad32(base + region_header::kPageSizeWord), Page() | 2);
+    for (uint32_t at = region_header::kSize; at < region->used; ++at)
+        ASSERT_EQ(base[at], 0) << "the gap up to the first extent at " << at;
+}
+
+TEST_F(RegionTest, GetInfoReportsTheHandleAndTheImage) {
+    LumRegion *region = Create(3 * kMiB, 2 * kMiB, 0, "info");
+    ImageStore32(region->base + region_header::kSegmentCount, 5);
+    LumRegionInfo info;
+    memset(&info, 0xEE, sizeof info);
+    LumRegionGetInfo(region, &info);
+    EXPECT_STREQ(info.name, "info");
+    EXPECT_EQ(info.type, LUM_REGION_VOLATILE);
+    EXPECT_EQ(info.hard_limit, 3 * kMiB);
+    EXPECT_EQ(info.soft_limit, 2 * kMiB);
+    EXPECT_EQ(info.protect, 0);
+    EXPECT_EQ(info.checkpointing, 1);
+    EXPECT_EQ(info.base, region->base);
+    EXPECT_EQ(info.used, Page());
+    EXPECT_EQ(info.segment_count, 5u);
+    ImageStore32(region->base + region_header::kSegmentCount, 0);
+}
+
+TEST_F(RegionTest, VolatileTypesIgnoreTheDirectory) {
+    for (int32_t type : {LUM_REGION_VOLATILE, LUM_REGION_SCRATCH}) {
+        LumRegion *region;
+        ASSERT_EQ(CreateNamed("scratch", type, "./relative/", &region), 0);
+        EXPECT_STREQ(region->directory, "");
+        EXPECT_EQ(region->type, type);
+        for (int parity = 0; parity < 2; ++parity) {
+            EXPECT_EQ(region->chk_fd[parity], -1);
+            EXPECT_EQ(region->log_fd[parity], -1);
+        }
+        EXPECT_EQ(LumRegionClose(region), 0);
+    }
+}
+
+TEST(RegionCreate, BadArgumentsAreRefusedAndCreateNothing) {
+    LumRegion *region = reinterpret_cast<LumRegion *>(1);
+    void *base = nullptr;
+    std::string long_name(LUM_REGION_NAME_MAX + 1, 'n');
+    std::string long_directory(kPathBufferSize - LUM_REGION_NAME_MAX - 7, 'd');
+    EXPECT_EQ(CreateNamed(nullptr, LUM_REGION_VOLATILE, nullptr, &region), LUM_RC_FAILURE);
+    EXPECT_EQ(CreateNamed(long_name.c_str(), LUM_REGION_VOLATILE, nullptr, &region),
+              LUM_RC_FAILURE);
+    for (int32_t type : {0, 4, -1})
+        EXPECT_EQ(CreateNamed("t", type, "/tmp/", &region), LUM_RC_FAILURE) << "type " << type;
+    EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, nullptr, &region), LUM_RC_FAILURE);
+    EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, ".", &region), LUM_RC_FAILURE);
+    EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, "./data/", &region), LUM_RC_FAILURE);
+    long_name.pop_back();
+    EXPECT_EQ(
+        CreateNamed(long_name.c_str(), LUM_REGION_PERSISTENT, long_directory.c_str(), &region),
+        LUM_RC_FAILURE)
+        << "directory, name and .tabnew must fit a path";
+    EXPECT_EQ(LumRegionCreate("v", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, nullptr, &base),
+              LUM_RC_FAILURE);
+    EXPECT_EQ(
+        LumRegionCreate("v", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, &region, nullptr),
+        LUM_RC_FAILURE);
+    EXPECT_EQ(region, reinterpret_cast<LumRegion *>(1));
+    for (LumRegion *slot : region_registry)
+        EXPECT_EQ(slot, nullptr);
+}
+
+TEST(RegionCreate, LongestNameIsAccepted) {
+    std::string name(LUM_REGION_NAME_MAX, 'n');
+    LumRegion *region;
+    ASSERT_EQ(CreateNamed(name.c_str(), LUM_REGION_VOLATILE, nullptr, &region), 0);
+    EXPECT_EQ(std::string(region->name), name);
+    EXPECT_EQ(LumRegionClose(region), 0);
+}
+
+TEST(RegionHandle, NullHandlesAndOutPointersAreRefused) {
+    EXPECT_EQ(LumRegionClose(nullptr), LUM_RC_FAILURE);
+    EXPECT_EQ(LumRegionDrop(nullptr), LUM_RC_FAILURE);
+    EXPECT_EQ(LumRegionSetSoftLimit(nullptr, kMiB), LUM_RC_FAILURE);
+    EXPECT_EQ(LumRegionSetCheckpointing(nullptr, 1), LUM_RC_FAILURE);
+    EXPECT_EQ(LumRegionGetUsedBytes(nullptr), 0u);
+    LumRegionInfo info;
+    LumRegionGetInfo(nullptr, &info);
+    LumRegionLockForRead(nullptr);
+    LumRegionLockForWrite(nullptr);
+    LumRegionUnlock(nullptr);
+    EXPECT_EQ(LumRegionPropMgrInitialise(nullptr), LUM_RC_FAILURE);
+    EXPECT_EQ(LumRegionArgMgrInitialise(nullptr), LUM_RC_FAILURE);
+}
+
+TEST_F(RegionTest, CheckpointingCannotBeSetOnAVolatileRegion) {
+    LumRegion *region = Create(kMiB, kMiB);
+    EXPECT_EQ(LumRegionSetCheckpointing(region, 0), LUM_RC_FAILURE);
+    EXPECT_EQ(region->checkpointing.load(), 1);
+}
+
+TEST_F(RegionTest, UsedBytesSumsTheSegmentsOfTheMap) {
+    LumRegion *region = Create(kMiB, kMiB);
+    EXPECT_EQ(LumRegionGetUsedBytes(region), 0u);
+    ASSERT_EQ(_LumImageSetSize(region, 3 * Page()), 0);
+    uint8_t *map = region->base + region_header::kSegmentMap;
+    ImageStore32(map + 4 * 0, Page());
+    ImageStore32(map + 4 * 127, 2 * Page());
+    ImageStore32(region->base + Page() + primary_extent::kUsedBytes, 100);
+    ImageStore32(region->base + 2 * Page() + primary_extent::kUsedBytes, 23);
+    EXPECT_EQ(LumRegionGetUsedBytes(region), 123u);
+    ImageStore32(map + 4 * 5, 0xFFFFF000); // damaged: beyond the image
+    EXPECT_EQ(LumRegionGetUsedBytes(region), 123u);
+}
+
+TEST_F(RegionTest, DropIsRefusedWhileSegmentsRemain) {
+    LumRegion *region = Create(kMiB, kMiB);
+    ImageStore32(region->base + region_header::kSegmentCount, 1);
+    EXPECT_EQ(LumRegionDrop(region), LUM_RC_SEGMENTS_REMAIN);
+    EXPECT_GE(RegistrySlotOf(region), 0) << "still open and registered";
+    ImageStore32(region->base + region_header::kSegmentCount, 0);
+}
+
+TEST(Registry, SlotsAreReusedAndTheRegionBeyondTheTableStillWorks) {
+    std::vector<LumRegion *> regions(kRegistrySlots + 1);
+    for (LumRegion *&region : regions)
+        ASSERT_EQ(CreateNamed("many", LUM_REGION_VOLATILE, nullptr, &region), 0);
+    for (uint32_t i = 0; i < kRegistrySlots; ++i)
+        ASSERT_EQ(RegistrySlotOf(regions[i]), static_cast<int>(i));
+    LumRegion *unregistered = regions[kRegistrySlots];
+    EXPECT_EQ(RegistrySlotOf(unregistered), -1);
+    EXPECT_EQ(_LumImageSetSize(unregistered, 2 * kMiB / 2), 0) << "an unregistered region works";
+    EXPECT_EQ(_LumRegistryRemove(unregistered), 0);
+
+    ASSERT_EQ(LumRegionClose(regions[7]), 0);
+    LumRegion *next;
+    ASSERT_EQ(CreateNamed("next", LUM_REGION_VOLATILE, nullptr, &next), 0);
+    EXPECT_EQ(RegistrySlotOf(next), 7) << "the first free slot is taken";
+    regions[7] = next;
+    for (LumRegion *region : regions)
+        ASSERT_EQ(LumRegionDrop(region), 0);
+    for (LumRegion *slot : region_registry)
+        EXPECT_EQ(slot, nullptr);
+}
+
+TEST_F(RegionTest, CheckpointPassHoldsAReferenceOnlyDuringItsVisit) {
+    LumRegion *region = Create(kMiB, kMiB);
+    EXPECT_EQ(RefCount(region), 1u);
+    RegionCheckpointPass();
+    EXPECT_EQ(RefCount(region), 1u);
+}
+
+// A close that comes while the checkpoint thread visits the region waits for
+// the visit, so the host's reference is the last and the handle is gone on
+// return. The visit is held in place by taking the region's mutex first.
+TEST(RegionClose, WaitsForAVisitInProgress) {
+    LumRegion *region;
+    ASSERT_EQ(CreateNamed("visited", LUM_REGION_VOLATILE, nullptr, &region), 0);
+    LumMutexLock(region->mutex);
+    std::thread pass(RegionCheckpointPass);
+    while (RefCount(region) != 2)
+        std::this_thread::yield();
+
+    std::atomic<bool> closed{false};
+    std::thread closer([&] {
+        EXPECT_EQ(LumRegionClose(region), 0);
+        closed = true;
+    });
+    LumEvent *pause;
+    ASSERT_EQ(LumEventCreate(&pause), 0);
+    LumEventTimedWait(pause, 50);
+    LumEventDestroy(pause);
+    EXPECT_FALSE(closed) << "close returned during the visit";
+    EXPECT_EQ(RefCount(region), 2u);
+    LumMutexUnlock(region->mutex);
+    pass.join();
+    closer.join();
+    EXPECT_TRUE(closed);
+}

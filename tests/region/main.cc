@@ -1,0 +1,21 @@
+// The region suites share one started library, as a host would: it starts
+// once per process, so start-up itself is tested in a suite of its own.
+#include <gtest/gtest.h>
+
+#include "lumregion.h"
+#include "test_support.h"
+
+int main(int argc, char **argv) {
+    testing::InitGoogleTest(&argc, argv);
+    LumPropMgr *properties = nullptr;
+    lumtest::TempDir home;
+    if (LumPropMgrCreate(&properties) != 0 || LumRegionPropMgrInitialise(properties) != 0 ||
+        LumRegionStartup(properties, home.path().c_str()) != 0) {
+        fprintf(stderr, "the library did not start\n");
+        return 1;
+    }
+    int result = RUN_ALL_TESTS();
+    LumRegionShutdown();
+    LumPropMgrDestroy(properties);
+    return result;
+}

@@ -1,0 +1,149 @@
+// Shared helpers of the library's test suites: a log sink that captures
+// records, guards that swap platform entries or schedule lum_malloc
+// failures and put things back, a private temporary directory, and a way
+// to run a piece of a test in a child process.
+#pragma once
+
+#include <cerrno>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "lum_rs.h"
+#include "platform.h"
+
+namespace lumtest {
+
+struct LogRecord {
+    int32_t severity;
+    uint32_t set;
+    uint32_t id;
+    std::string text;
+};
+
+// Captures every log record while it lives.
+class LogCapture {
+  public:
+    LogCapture();
+    ~LogCapture();
+    std::vector<LogRecord> Records() const;
+    // Records with this catalogue set and id.
+    std::vector<LogRecord> Find(uint32_t set, uint32_t id) const;
+
+  private:
+    static void Sink(void *context, int32_t severity, uint32_t set, uint32_t id, const char *text);
+    mutable std::mutex mutex_;
+    std::vector<LogRecord> records_;
+};
+
+// Restores the whole platform table when it goes out of scope, so a test
+// may replace any entries it likes.
+class PlatformGuard {
+  public:
+    PlatformGuard() : saved_(lum_platform) {}
+    ~PlatformGuard() { lum_platform = saved_; }
+    PlatformGuard(const PlatformGuard &) = delete;
+    PlatformGuard &operator=(const PlatformGuard &) = delete;
+
+  private:
+    LumPlatform saved_;
+};
+
+// Schedules the n-th lum_malloc from now to fail; cancels it on scope exit.
+class MallocFailure {
+  public:
+    explicit MallocFailure(uint32_t nth) { lum_malloc_fail_at(nth); }
+    ~MallocFailure() { lum_malloc_fail_at(0); }
+};
+
+// A fresh directory under the system's temporary directory, removed with
+// its files on scope exit. path() ends in '/'.
+class TempDir {
+  public:
+    TempDir();
+    ~TempDir();
+    const std::string &path() const { return path_; }
+
+  private:
+    std::string path_;
+};
+
+// Runs `body` in a forked child and returns its exit status as waitpid
+// reports it. The child exits with body's result, or dies of a signal.
+int RunInChild(const std::function<int()> &body);
+
+// Runs `access` in a forked child that turns SIGSEGV and SIGBUS into an
+// exit with kFaultExit: true when the access faulted.
+inline constexpr int kFaultExit = 77;
+bool FaultsInChild(const std::function<void()> &access);
+// The exit code of a child that exited normally, -1 otherwise.
+int ExitCode(int status);
+
+// Names of the threads of this process, from /proc/self/task/*/comm.
+std::vector<std::string> ThreadNames();
+
+} // namespace lumtest
+
+namespace lumtest {
+
+// One call of a virtual-memory entry, as a recording platform saw it.
+struct VmCall {
+    void *address;
+    size_t length;
+    int writable; // protect only
+};
+
+// Records the commit, decommit and protect calls made while it lives, and
+// passes them on to the system. Calls fail on purpose when the matching
+// fail_ flag is set.
+class VmRecorder {
+  public:
+    VmRecorder();
+    ~VmRecorder();
+    std::vector<VmCall> commits, decommits, protects;
+    bool fail_commit = false;
+    bool fail_decommit = false;
+
+  private:
+    static VmRecorder *active_;
+    static int Commit(void *address, size_t length);
+    static int Decommit(void *address, size_t length);
+    static int Protect(void *address, size_t length, int writable);
+    PlatformGuard guard_;
+};
+
+} // namespace lumtest
+
+namespace lumtest {
+
+// Makes chosen file calls fail while it lives; every other call goes to the
+// system. Counts the calls it sees.
+class FileFaults {
+  public:
+    FileFaults();
+    ~FileFaults();
+    int fail_write_at = 0;        // the n-th write from now fails (1 is the next)
+    int write_errno = ENOSPC;     // ... with this errno, or
+    bool short_write = false;     // ... writes half and reports it
+    std::string fail_open_suffix; // opens of paths ending so fail with EACCES
+    bool fail_rename = false;     // renames fail with EXDEV
+    bool fail_ftruncate = false;  // truncates fail with EIO
+    int writes = 0, opens = 0, renames = 0, ftruncates = 0, fsyncs = 0;
+
+  private:
+    static FileFaults *active_;
+    static ssize_t Write(int fd, const void *buffer, size_t count);
+    static int Open(const char *path, int flags, mode_t mode);
+    static int Rename(const char *from, const char *to);
+    static int Ftruncate(int fd, off_t length);
+    static int Fsync(int fd);
+    PlatformGuard guard_;
+};
+
+// The whole content of a file; empty when it cannot be read.
+std::vector<uint8_t> ReadFile(const std::string &path);
+bool FileExists(const std::string &path);
+
+} // namespace lumtest
