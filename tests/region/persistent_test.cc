@@ -1,6 +1,7 @@
 // Persistent regions on disk: the working files of a new region, the dirty
 // maps, and what close and drop leave behind.
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -192,5 +193,45 @@ TEST(DirtyMap, VolatileRegionMarksNothing) {
     _LumImageMarkDirty(region, region->base, 10); // no maps, no buffer: must not touch them
     EXPECT_EQ(region->dirty_map[0], nullptr);
     EXPECT_EQ(region->log_buffer, nullptr);
+    EXPECT_EQ(LumRegionClose(region), 0);
+}
+
+TEST_F(PersistentTest, FileHeaderHoldsMagicVersionGenerationTimeAndPageSize) {
+    int fd = lum_platform.open(Path("h").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    ASSERT_GT(fd, 0);
+    time_t before = time(nullptr);
+    ASSERT_EQ(_LumFileHeaderWrite(fd, 0x01020304), 0);
+    EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 32) << "the position is behind the header";
+    uint8_t header[32];
+    ASSERT_EQ(_LumFileHeaderRead(fd, header), 0);
+    EXPECT_EQ(memcmp(header, "LSB\0" "010\0" "\x04\x03\x02\x01", 12), 0);
+    uint32_t stamp = ImageLoad32(header + 12);
+    EXPECT_GE(stamp, static_cast<uint32_t>(before));
+    EXPECT_LE(stamp, static_cast<uint32_t>(time(nullptr)));
+    EXPECT_EQ(ImageLoad32(header + 16), Page());
+    for (int i = 20; i < 32; ++i)
+        EXPECT_EQ(header[i], 0) << i;
+    {
+        FileFaults faults;
+        faults.fail_write_at = 1;
+        faults.short_write = true;
+        EXPECT_EQ(_LumFileHeaderWrite(fd, 1), LUM_RC_FAILURE);
+    }
+    ASSERT_EQ(ftruncate(fd, 31), 0);
+    EXPECT_EQ(_LumFileHeaderRead(fd, header), LUM_RC_FAILURE) << "a short header";
+    close(fd);
+}
+
+TEST_F(PersistentTest, PositionedWriteSurvivesVanishedMemory) {
+    LumRegion *region = CreatePersistent();
+    ASSERT_EQ(_LumImageSetSize(region, 2 * kMiB), 0);
+    ASSERT_EQ(_LumImageSetSize(region, Page()), 0); // decommits the second MiB
+    int fd = region->chk_fd[0];
+    errno = 0;
+    EXPECT_EQ(_LumPwrite(fd, region->base + kMiB, Page(), Page()), -1);
+    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(_LumPwrite(fd, region->base, Page(), Page()), static_cast<ssize_t>(Page()));
+    uint8_t back[16];
+    EXPECT_EQ(_LumPread(fd, back, sizeof back, Page()), -1) << "the working file is write-only";
     EXPECT_EQ(LumRegionClose(region), 0);
 }
