@@ -240,6 +240,83 @@ LUMREGION_API void LumRegionLockForRead(LumRegion *region);
 LUMREGION_API void LumRegionLockForWrite(LumRegion *region);
 LUMREGION_API void LumRegionUnlock(LumRegion *region);
 
+/* ---------------------------------------------------------------------- */
+/* Commit, offline and online                                             */
+/* ---------------------------------------------------------------------- */
+
+/** Makes the logged changes so far survive the death of the process: one
+ *  write of the log buffer to the log file of the current generation. When
+ *  a background checkpoint has finished, the commit also acknowledges it,
+ *  and recovery may then start from that checkpoint.
+ *  Not a flush to stable storage: a commit survives the process, not the
+ *  machine (LumRegionSyncAll and a close force their snapshots to disk).
+ *  @return 0, also when the log has failed: a failed log is reported in the
+ *  log ("Logging failed") and heals at the next checkpoint; -19 for a null
+ *  handle. Must not run beside another write or commit of the region. */
+LUMREGION_API int32_t LumRegionCommit(LumRegion *region);
+
+/** Stops logging for @p region: changes are still marked, and the
+ *  background thread leaves the region alone. Waits for a checkpoint of the
+ *  region in progress. Nothing for a null handle. */
+LUMREGION_API void LumRegionOffline(LumRegion *region);
+
+/** Resumes logging: a persistent region first checkpoints what changed
+ *  while it was offline, which the next commit acknowledges. Nothing for a
+ *  null handle. */
+LUMREGION_API void LumRegionOnline(LumRegion *region);
+
+/* ---------------------------------------------------------------------- */
+/* Logged writes                                                          */
+/* ---------------------------------------------------------------------- */
+
+/** Opaque handle of a segment of a region (see the segment operations).
+ *  The logged writes take one and change the image of its region. */
+typedef struct LumSegment LumSegment;
+
+/* Persistent memory is read with plain pointers and changed only through
+ * these operations. Each stores at @p target, an address inside the image,
+ * behind the region's page protection, appends a redo record of the bytes
+ * to the log buffer and marks their pages dirty; the next LumRegionCommit
+ * makes the change durable. Targets need no alignment.
+ *
+ * The typed operations compare first: a value that is already there costs
+ * one read and leaves no record. They do nothing for a null segment. */
+LUMREGION_API void LumMemLogCpyInt(LumSegment *segment, void *target, int32_t value);
+LUMREGION_API void LumMemLogCpyLong(LumSegment *segment, void *target, int32_t value);
+LUMREGION_API void LumMemLogCpyUnsigned(LumSegment *segment, void *target, uint32_t value);
+LUMREGION_API void LumMemLogCpyBoolean(LumSegment *segment, void *target, int32_t value);
+LUMREGION_API void LumMemLogCpyUTC(LumSegment *segment, void *target, int32_t value);
+LUMREGION_API void LumMemLogCpyfint_t(LumSegment *segment, void *target, int32_t value);
+LUMREGION_API void LumMemLogCpyShort(LumSegment *segment, void *target, int16_t value);
+LUMREGION_API void LumMemLogCpyUShort(LumSegment *segment, void *target, uint16_t value);
+LUMREGION_API void LumMemLogCpyInt64(LumSegment *segment, void *target, int64_t value);
+LUMREGION_API void LumMemLogCpyUnsigned64(LumSegment *segment, void *target, uint64_t value);
+/** Stores only when @p value and the double at @p target compare greater or
+ *  less: -0.0 does not replace +0.0, and a NaN on either side stores
+ *  nothing. */
+LUMREGION_API void LumMemLogCpyReal(LumSegment *segment, void *target, double value);
+
+/** Copies @p length bytes from @p source to @p target and logs them, also
+ *  when they were equal. @return @p target (at once for a length of 0,
+ *  which logs nothing); null for a null segment. A length above the log
+ *  buffer's room is logged as several records. */
+LUMREGION_API void *LumMemLogCpy(LumSegment *segment, void *target, const void *source,
+                                 uint32_t length);
+
+/** Sets @p length bytes at @p target to the byte @p value and logs them.
+ *  @return as LumMemLogCpy. */
+LUMREGION_API void *LumMemLogSet(LumSegment *segment, void *target, int32_t value, uint32_t length);
+
+/** Finishes an allocation whose memory the host filled with plain stores:
+ *  protects the chunk again and logs all of it, tags included, in one
+ *  record. Call exactly one of LumMemLog and LumMemNoLog for each new
+ *  allocation, before the commit that is to keep it. */
+LUMREGION_API void LumMemLog(LumSegment *segment, void *pointer);
+
+/** As LumMemLog, without the record: the chunk reaches disk only with its
+ *  pages, when some other change marks them or a sync writes the image. */
+LUMREGION_API void LumMemNoLog(LumSegment *segment, void *pointer);
+
 #ifdef __cplusplus
 }
 #endif

@@ -85,6 +85,8 @@ extern "C" {
 // Writes a new header for `generation` at offset 0; the file position is
 // then 32. Returns 0, or -19 when fewer than 32 bytes were written.
 int32_t _LumFileHeaderWrite(int fd, uint32_t generation);
+// The same with a given timestamp in place of the present time.
+int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp);
 // Reads the 32 header bytes at offset 0 without judging them. 0 or -19.
 int32_t _LumFileHeaderRead(int fd, uint8_t *header);
 
@@ -136,6 +138,14 @@ void _LumDirtyMapClear(DirtyMap *map, uint32_t page);
 // bytes as they now stand, then marks their pages in both maps (image,
 // record, bits). Does nothing for a volatile region or a length of 0.
 void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length);
+
+// checkpoint.cc -------------------------------------------------------------
+
+// Writes the pages marked in the map of the next generation's parity to its
+// chk file, switching `generation` first when next_generation differs. The
+// caller holds the region's mutex. 0, or -19 when the last checkpoint is
+// not acknowledged yet or a write fails.
+int32_t _LumRegionCheckpoint(LumRegion *region);
 
 // sync.cc -------------------------------------------------------------------
 

@@ -139,7 +139,7 @@ int32_t _LumImageSetSize(LumRegion *region, uint32_t size) {
     uint64_t target = RoundUp(new_used, kCommitStep);
     if (int32_t rc = MoveCommitted(region, target); rc != 0)
         return rc;
-    region->used = static_cast<uint32_t>(new_used);
-    _LumLogBufferAppend(region, LOG_SIZE, region->used, 0);
+    region->used.store(static_cast<uint32_t>(new_used), std::memory_order_relaxed);
+    _LumLogBufferAppend(region, LOG_SIZE, static_cast<uint32_t>(new_used), 0);
     return 0;
 }

@@ -40,7 +40,8 @@ struct LumRegion {
     char directory[kPathBufferSize];    // ends in its separator; empty if volatile
     int32_t type;                       // LUM_REGION_PERSISTENT or a volatile type
     uint8_t *base;                      // start of the reservation and of the image
-    uint32_t used;                      // bytes of the image in use, page multiple
+    std::atomic<uint32_t> used;         // bytes of the image in use, page multiple; the
+                                        // checkpoint thread reads it while the writer moves it
     uint32_t committed;                 // bytes committed from base, 1 MiB multiple
     uint32_t hard_limit;                // bytes reserved, 1 MiB multiple, fixed
     uint32_t soft_limit;                // the most that used may reach
@@ -53,13 +54,21 @@ struct LumRegion {
     std::atomic<uint32_t> next_generation;
     std::atomic<uint32_t> flushed_generation;
     std::atomic<uint32_t> log_failed;
-    int32_t sync_failed; // the last sync failed: working files stay at close
+    int32_t sync_failed;          // the last sync failed: working files stay at close
+    int32_t last_checkpoint_time; // timestamp of the newest chk header this handle wrote
     std::atomic<uint32_t> checkpoint_state;
     int chk_fd[2];          // "_0.chk", "_1.chk"; -1 for none
     int log_fd[2];          // "_0.log", "_1.log"; -1 for none
     uint32_t ref_count;     // guarded by handle_mutex
     int32_t drop_requested; // the .tab file goes too at the last reference
     LumMutex *handle_mutex; // "RegionHandle": guards ref_count
+};
+
+// The volatile handle of a segment: its region and its primary extent. The
+// logged writes take one and use its region.
+struct LumSegment {
+    LumRegion *region;
+    uint8_t *primary;
 };
 
 inline bool IsPersistent(const LumRegion *region) {
@@ -126,6 +135,19 @@ void _LumRegionDeleteFiles(LumRegion *region, int32_t with_tab);
 // Makes all 128 bins of the BinArray at `bins` empty. No protection, no
 // marking: the caller holds the array writable and marks it.
 void _LumFreeListInit(LumRegion *region, uint8_t *bins);
+
+// log.cc ----------------------------------------------------------------
+
+// The logged writes of the library's own bookkeeping: no mutation check and
+// no report. _LumMemCopy always writes; _LumMemWriteWord only a new value.
+void *_LumMemCopy(LumSegment *segment, void *target, const void *source, uint32_t length);
+void _LumMemWriteWord(LumSegment *segment, void *target, uint32_t value);
+
+// abw.cc ----------------------------------------------------------------
+
+// Classifies the target of a logged write against the chunks of its segment
+// and reports a bad one; called only with Region.MutationCheck on.
+void _LumMutationCheck(LumSegment *segment, void *target, uint32_t length);
 
 // checkpoint.cc ---------------------------------------------------------
 

@@ -204,7 +204,12 @@ TEST_F(PersistentTest, FileHeaderHoldsMagicVersionGenerationTimeAndPageSize) {
     EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 32) << "the position is behind the header";
     uint8_t header[32];
     ASSERT_EQ(_LumFileHeaderRead(fd, header), 0);
-    EXPECT_EQ(memcmp(header, "LSB\0" "010\0" "\x04\x03\x02\x01", 12), 0);
+    EXPECT_EQ(memcmp(header,
+                     "LSB\0"
+                     "010\0"
+                     "\x04\x03\x02\x01",
+                     12),
+              0);
     uint32_t stamp = ImageLoad32(header + 12);
     EXPECT_GE(stamp, static_cast<uint32_t>(before));
     EXPECT_LE(stamp, static_cast<uint32_t>(time(nullptr)));
