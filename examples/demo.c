@@ -5,8 +5,9 @@
  *   1. creates a volatile region, grows its image until the soft limit
  *      stops it, raises the limit and grows on;
  *   2. creates a persistent region in a data directory, changes its image
- *      through logged writes, commits them to the log, and closes the
- *      region, which leaves only its snapshot.
+ *      through logged writes and commits, runs two checkpoint passes that
+ *      the next commits acknowledge, prints the files with their headers,
+ *      and closes the region, which leaves only its snapshot.
  * Run it with -regionprotectall to keep the images' pages read-only. The
  * data directory is "lumdemo-data/" in the current directory, or argv[1]
  * (ending in '/').
@@ -22,13 +23,11 @@
 
 /* The image grows with segments and chunks, and changes through the logged
  * writes of the allocator; until a host has those, this demo uses the
- * operations beneath them. */
+ * operations beneath them. The checkpoint thread visits regions once a
+ * minute; the demo runs its pass at once. */
 extern int32_t _LumImageSetSize(LumRegion *region, uint32_t size);
 extern void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length);
-extern void _LumLogBufferAppend(LumRegion *region, uint32_t type, uint32_t value,
-                                uint32_t length);
-extern void _LumLogBufferFlush(LumRegion *region);
-#define LOG_COMMIT 3
+extern void _LumCheckpointPass(void);
 
 #define MIB (1024u * 1024u)
 
@@ -61,7 +60,8 @@ static uint32_t grow_until_refused(LumRegion *region, uint32_t size) {
     return size;
 }
 
-/* Lists the files of a directory with their sizes. */
+/* Lists the files of a directory with their sizes and the generation and
+ * time in their headers. */
 static void print_files(const char *directory) {
     DIR *dir = opendir(directory);
     struct dirent *entry;
@@ -69,14 +69,36 @@ static void print_files(const char *directory) {
         return;
     while ((entry = readdir(dir)) != NULL) {
         char path[512];
+        unsigned char header[32] = {0};
         struct stat info;
+        FILE *file;
         if (entry->d_name[0] == '.')
             continue;
         snprintf(path, sizeof path, "%s%s", directory, entry->d_name);
-        if (stat(path, &info) == 0)
-            printf("    %-24s %8lld bytes\n", entry->d_name, (long long)info.st_size);
+        if (stat(path, &info) != 0)
+            continue;
+        printf("    %-16s %8lld bytes", entry->d_name, (long long)info.st_size);
+        file = fopen(path, "rb");
+        if (file != NULL && fread(header, 1, sizeof header, file) == sizeof header &&
+            memcmp(header, "LSB", 4) == 0) {
+            uint32_t generation, stamp;
+            memcpy(&generation, header + 8, 4);
+            memcpy(&stamp, header + 12, 4);
+            printf("  generation %u, written at %u", generation, stamp);
+        }
+        if (file != NULL)
+            fclose(file);
+        printf("\n");
     }
     closedir(dir);
+}
+
+/* Writes `text` into the image at `offset` and announces the change, which
+ * logs the bytes and marks their page. */
+static void logged_write(LumRegion *region, void *base, uint32_t offset, const char *text) {
+    char *target = (char *)base + offset;
+    strcpy(target, text);
+    _LumImageMarkDirty(region, target, (uint32_t)strlen(text) + 1);
 }
 
 static int volatile_region(void) {
@@ -111,22 +133,30 @@ static int persistent_region(const char *directory) {
         return fail("LumRegionCreate", rc);
     printf("created a persistent region in %s:\n", directory);
     print_info(region);
-
-    /* Grow by a page and write a greeting behind the region header: the
-     * size change and the bytes are logged, and a commit writes the log. */
-    rc = _LumImageSetSize(region, 2 * 4096 + 1);
+    rc = _LumImageSetSize(region, 4 * 4096);
     if (rc != 0)
         return fail("growing the image", rc);
-    char *greeting = (char *)base + 4096;
-    strcpy(greeting, "hello from a persistent region");
-    _LumImageMarkDirty(region, greeting, (uint32_t)strlen(greeting) + 1);
-    _LumLogBufferAppend(region, LOG_COMMIT, 0, 0);
-    _LumLogBufferFlush(region);
-    printf("committed a logged change; the files are:\n");
+
+    logged_write(region, base, 4096, "first entry");
+    LumRegionCommit(region);
+    printf("committed the first change: the log of generation 0 holds it\n");
+    print_files(directory);
+
+    _LumCheckpointPass();
+    logged_write(region, base, 2 * 4096, "second entry");
+    LumRegionCommit(region);
+    printf("checkpointed into _0.chk; the next commit acknowledged it\n");
+    print_files(directory);
+
+    _LumCheckpointPass();
+    logged_write(region, base, 3 * 4096, "third entry");
+    LumRegionCommit(region);
+    printf("the second checkpoint switched to generation 1 and wrote _1.chk; the next commit\n"
+           "started _1.log and acknowledged it\n");
     print_files(directory);
 
     rc = LumRegionClose(region);
-    printf("closed the region: %d; what stays is the snapshot:\n", rc);
+    printf("closed the region: %d; what stays is the snapshot of generation 1 + 1:\n", rc);
     print_files(directory);
     return rc == 0 ? 0 : 1;
 }

@@ -182,7 +182,7 @@ int32_t _LumRegionCheckpoint(LumRegion *region) {
     return 0;
 }
 
-void RegionCheckpointPass() {
+void _LumCheckpointPass() {
     LumMutexLock(region_registry_mutex);
     for (LumRegion *region : region_registry) {
         if (region == nullptr)
@@ -213,6 +213,6 @@ uintptr_t _LumCheckpointThread(uintptr_t word) {
             Report(14, "CHKPT: stopped");
             return 0;
         }
-        RegionCheckpointPass();
+        _LumCheckpointPass();
     }
 }

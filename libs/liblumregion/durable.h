@@ -82,8 +82,8 @@ extern "C" {
 
 // fileheader.cc -------------------------------------------------------------
 
-// Writes a new header for `generation` at offset 0; the file position is
-// then 32. Returns 0, or -19 when fewer than 32 bytes were written.
+// Writes a new header for `generation` at offset 0, leaving the file
+// position alone. Returns 0, or -19 when fewer than 32 bytes were written.
 int32_t _LumFileHeaderWrite(int fd, uint32_t generation);
 // The same with a given timestamp in place of the present time.
 int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp);
@@ -92,10 +92,9 @@ int32_t _LumFileHeaderRead(int fd, uint8_t *header);
 
 // preadwrite.cc -------------------------------------------------------------
 
-// Seek to `offset`, then read or write `count` bytes. -1 when the seek does
-// not land; otherwise the transfer's result. A write from memory that
+// Read or write `count` bytes at file offset `offset`: the count, short at
+// the end of the file (reads), or -1 with errno. A write from memory that
 // vanished under it gives -1 with errno EFAULT, and the process goes on.
-// One thread at a time per descriptor: the position is shared.
 ssize_t _LumPread(int fd, void *buffer, uint32_t count, int64_t offset);
 ssize_t _LumPwrite(int fd, const void *buffer, uint32_t count, int64_t offset);
 

@@ -9,8 +9,25 @@
 using namespace lum_system;
 
 const LumPlatform lum_platform_system = {
-    VmReserve, VmCommit, VmDecommit,  VmRelease, VmProtect, VmPageSize, FileOpen, ::close, FileRead,
-    FileWrite, ::lseek,  ::ftruncate, ::fsync,   ::unlink,  ::rename,   FileStat, ::mkdir,
+    .reserve = VmReserve,
+    .commit = VmCommit,
+    .decommit = VmDecommit,
+    .release = VmRelease,
+    .protect = VmProtect,
+    .page_size = VmPageSize,
+    .open = FileOpen,
+    .close = ::close,
+    .read = FileRead,
+    .write = FileWrite,
+    .pread = FilePread,
+    .pwrite = FilePwrite,
+    .lseek = ::lseek,
+    .ftruncate = ::ftruncate,
+    .fsync = ::fsync,
+    .unlink = ::unlink,
+    .rename = ::rename,
+    .stat = FileStat,
+    .mkdir = ::mkdir,
 };
 
 LumPlatform lum_platform = lum_platform_system;

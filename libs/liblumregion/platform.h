@@ -14,6 +14,9 @@
 //   release   gives a whole reservation back.
 //   protect   sets whole pages read-only (writable == 0) or read-write.
 // The file entries follow their POSIX namesakes: -1 and errno on failure.
+// The transfers move the whole count unless the file ends (reads) or an
+// error stops them, so callers never see a short count that a retry would
+// have completed.
 #pragma once
 
 #include <cstddef>
@@ -35,6 +38,8 @@ struct LumPlatform {
     int (*close)(int fd);
     ssize_t (*read)(int fd, void *buffer, size_t count);
     ssize_t (*write)(int fd, const void *buffer, size_t count);
+    ssize_t (*pread)(int fd, void *buffer, size_t count, off_t offset);
+    ssize_t (*pwrite)(int fd, const void *buffer, size_t count, off_t offset);
     off_t (*lseek)(int fd, off_t offset, int whence);
     int (*ftruncate)(int fd, off_t length);
     int (*fsync)(int fd);
@@ -62,5 +67,7 @@ uint32_t VmPageSize();
 int FileOpen(const char *path, int flags, mode_t mode);
 ssize_t FileRead(int fd, void *buffer, size_t count);
 ssize_t FileWrite(int fd, const void *buffer, size_t count);
+ssize_t FilePread(int fd, void *buffer, size_t count, off_t offset);
+ssize_t FilePwrite(int fd, const void *buffer, size_t count, off_t offset);
 int FileStat(const char *path, struct stat *info);
 } // namespace lum_system

@@ -23,14 +23,18 @@ int FileOpen(const char *path, int flags, mode_t mode) {
     return fd;
 }
 
-ssize_t FileRead(int fd, void *buffer, size_t count) {
-    auto *at = static_cast<char *>(buffer);
+namespace {
+
+// Moves `count` bytes with `step` (a read or write at a running position),
+// retrying after signals and partial transfers. A read stops at the end of
+// the file; a write that transfers nothing is a failure.
+template <typename Step> ssize_t Transfer(size_t count, bool is_write, Step step) {
     size_t done = 0;
     while (done < count) {
-        ssize_t n = ::read(fd, at + done, count - done);
+        ssize_t n = step(done);
         if (n < 0 && errno == EINTR)
             continue;
-        if (n < 0)
+        if (n < 0 || (n == 0 && is_write))
             return -1;
         if (n == 0)
             break;
@@ -39,18 +43,30 @@ ssize_t FileRead(int fd, void *buffer, size_t count) {
     return static_cast<ssize_t>(done);
 }
 
+} // namespace
+
+ssize_t FileRead(int fd, void *buffer, size_t count) {
+    auto *at = static_cast<char *>(buffer);
+    return Transfer(count, false, [&](size_t done) { return ::read(fd, at + done, count - done); });
+}
+
 ssize_t FileWrite(int fd, const void *buffer, size_t count) {
     const auto *at = static_cast<const char *>(buffer);
-    size_t done = 0;
-    while (done < count) {
-        ssize_t n = ::write(fd, at + done, count - done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return -1;
-        done += static_cast<size_t>(n);
-    }
-    return static_cast<ssize_t>(done);
+    return Transfer(count, true, [&](size_t done) { return ::write(fd, at + done, count - done); });
+}
+
+ssize_t FilePread(int fd, void *buffer, size_t count, off_t offset) {
+    auto *at = static_cast<char *>(buffer);
+    return Transfer(count, false, [&](size_t done) {
+        return ::pread(fd, at + done, count - done, offset + static_cast<off_t>(done));
+    });
+}
+
+ssize_t FilePwrite(int fd, const void *buffer, size_t count, off_t offset) {
+    const auto *at = static_cast<const char *>(buffer);
+    return Transfer(count, true, [&](size_t done) {
+        return ::pwrite(fd, at + done, count - done, offset + static_cast<off_t>(done));
+    });
 }
 
 int FileStat(const char *path, struct stat *info) {

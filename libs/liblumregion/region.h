@@ -154,6 +154,11 @@ void _LumMutationCheck(LumSegment *segment, void *target, uint32_t length);
 // Body of the thread "REGIONCHKPT".
 uintptr_t _LumCheckpointThread(uintptr_t word);
 
+// Walks the registry once, as the checkpoint thread does after each sleep,
+// checkpointing every online persistent region that allows it. Tests and
+// the demo call it to run a pass at once.
+void _LumCheckpointPass();
+
 } // extern "C"
 
 // utils.cc ----------------------------------------------------------------
@@ -164,10 +169,6 @@ bool RegionNameAndDirectoryFit(const char *name, const char *directory);
 
 // Builds directory + name + suffix into `path` (kPathBufferSize bytes).
 void RegionFilePath(char *path, const char *directory, const char *name, const char *suffix);
-
-// Walks the registry once, as the checkpoint thread does after each sleep.
-// Tests call it directly to run a pass at once.
-void RegionCheckpointPass();
 
 // Returns once no checkpoint visit that had begun at the call is running.
 // A region that has left the registry can then not be visited any more.

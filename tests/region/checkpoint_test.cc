@@ -22,18 +22,18 @@ class DuringCheckpoint {
     DuringCheckpoint(LumRegion *region, int parity, std::function<void()> action)
         : fd_(region->chk_fd[parity]), action_(std::move(action)) {
         active_ = this;
-        lum_platform.write = Write;
+        lum_platform.pwrite = Pwrite;
     }
     ~DuringCheckpoint() { active_ = nullptr; }
     int page_writes = 0;
 
   private:
-    static ssize_t Write(int fd, const void *buffer, size_t count) {
+    static ssize_t Pwrite(int fd, const void *buffer, size_t count, off_t offset) {
         if (active_ && fd == active_->fd_ && count != file_header::kSize) {
             if (active_->page_writes++ == 0)
                 active_->action_();
         }
-        return lum_platform_system.write(fd, buffer, count);
+        return lum_platform_system.pwrite(fd, buffer, count, offset);
     }
     static inline DuringCheckpoint *active_;
     int fd_;
@@ -209,13 +209,13 @@ TEST_F(CheckpointTest, PageZeroKeepsTheFileHeaderInPlaceOfTheImagesFirstBytes) {
 }
 
 TEST_F(CheckpointTest, PassWithoutAcknowledgementChangesNothing) {
-    RegionCheckpointPass();
+    _LumCheckpointPass();
     Generations done = Of(region_);
     ASSERT_EQ(done.state, static_cast<uint32_t>(CHECKPOINT_DONE));
     auto chk = Read("p_0.chk");
     LogCapture log;
     LumDebugFacilitySet("region", 1);
-    RegionCheckpointPass();
+    _LumCheckpointPass();
     LumDebugFacilitySet("region", 0);
     EXPECT_EQ(Of(region_), done);
     EXPECT_EQ(Read("p_0.chk"), chk);
@@ -358,7 +358,7 @@ TEST_F(CheckpointTest, OfflineRegionIsSkippedAndOnlineCheckpointsIt) {
     LumRegionOffline(region_);
     Write(3, 9);
     EXPECT_TRUE(_LumDirtyMapTest(region_->dirty_map[1], 3)) << "marks go on while offline";
-    RegionCheckpointPass();
+    _LumCheckpointPass();
     EXPECT_TRUE(Read("p_0.chk").empty());
     LumRegionCommit(region_);
     EXPECT_EQ(TypesOf(LogRecords(0), 1), (std::vector<uint32_t>{LOG_COMMIT}))
@@ -420,7 +420,7 @@ TEST_F(CheckpointTest, ConcurrentWriterAndCheckpointsLeaveFilesThatRestoreTheIma
     std::atomic<bool> writing{true};
     std::thread checkpointer([&] {
         while (writing.load())
-            RegionCheckpointPass();
+            _LumCheckpointPass();
     });
     std::mt19937 random(7);
     for (int round = 0; round < 2000; ++round) {

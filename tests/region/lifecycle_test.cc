@@ -182,7 +182,7 @@ TEST(Registry, SlotsAreReusedAndTheRegionBeyondTheTableStillWorks) {
 TEST_F(RegionTest, CheckpointPassHoldsAReferenceOnlyDuringItsVisit) {
     LumRegion *region = Create(kMiB, kMiB);
     EXPECT_EQ(RefCount(region), 1u);
-    RegionCheckpointPass();
+    _LumCheckpointPass();
     EXPECT_EQ(RefCount(region), 1u);
 }
 
@@ -193,7 +193,7 @@ TEST(RegionClose, WaitsForAVisitInProgress) {
     LumRegion *region;
     ASSERT_EQ(CreateNamed("visited", LUM_REGION_VOLATILE, nullptr, &region), 0);
     LumMutexLock(region->mutex);
-    std::thread pass(RegionCheckpointPass);
+    std::thread pass(_LumCheckpointPass);
     while (RefCount(region) != 2)
         std::this_thread::yield();
 

@@ -134,6 +134,7 @@ FileFaults *FileFaults::active_;
 FileFaults::FileFaults() {
     active_ = this;
     lum_platform.write = Write;
+    lum_platform.pwrite = Pwrite;
     lum_platform.open = Open;
     lum_platform.rename = Rename;
     lum_platform.ftruncate = Ftruncate;
@@ -144,14 +145,24 @@ FileFaults::~FileFaults() {
     active_ = nullptr;
 }
 
+bool FileFaults::FailsNow() { return ++active_->writes == active_->fail_write_at; }
+
 ssize_t FileFaults::Write(int fd, const void *buffer, size_t count) {
-    if (++active_->writes == active_->fail_write_at) {
-        if (active_->short_write)
-            return lum_platform_system.write(fd, buffer, count / 2);
-        errno = active_->write_errno;
-        return -1;
-    }
-    return lum_platform_system.write(fd, buffer, count);
+    if (!FailsNow())
+        return lum_platform_system.write(fd, buffer, count);
+    if (active_->short_write)
+        return lum_platform_system.write(fd, buffer, count / 2);
+    errno = active_->write_errno;
+    return -1;
+}
+
+ssize_t FileFaults::Pwrite(int fd, const void *buffer, size_t count, off_t offset) {
+    if (!FailsNow())
+        return lum_platform_system.pwrite(fd, buffer, count, offset);
+    if (active_->short_write)
+        return lum_platform_system.pwrite(fd, buffer, count / 2, offset);
+    errno = active_->write_errno;
+    return -1;
 }
 
 int FileFaults::Open(const char *path, int flags, mode_t mode) {

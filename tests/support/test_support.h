@@ -135,6 +135,9 @@ class FileFaults {
   private:
     static FileFaults *active_;
     static ssize_t Write(int fd, const void *buffer, size_t count);
+    static ssize_t Pwrite(int fd, const void *buffer, size_t count, off_t offset);
+    // True when this write is the one that must fail; counts it.
+    static bool FailsNow();
     static int Open(const char *path, int flags, mode_t mode);
     static int Rename(const char *from, const char *to);
     static int Ftruncate(int fd, off_t length);
