@@ -1,13 +1,135 @@
 // Size bins: the BinArray of 128 rings of free items that both the extent
-// and the chunk allocator use.
+// allocator of a region and the chunk allocator of a segment use.
+//
+// Layout (offsets in the array): sentinel i at 4 + 12 i, with link_up at
+// +4 and link_down at +8; an item has the same three words (tag, link_up,
+// link_down). Every link is a RegionOffset.
+//
+// Invariants of a BinArray:
+//   1. Every bin is a closed ring through its sentinel, in both directions.
+//   2. An empty bin's sentinel links to itself.
+//   3. An item of size s lies in bin _LumFreeListIndex(s) and carries
+//      CHUNK_FREE in its head tag.
+//   4. From 512 bytes up, sizes do not decrease along link_up, and among
+//      equal sizes the item that went in first comes first.
+//   5. Below 512 a bin holds one size, first in first out along link_up.
+//   6. Bins 0, 1 and 127 stay empty: the smallest block is 16 bytes and the
+//      largest index is 126.
+// Every link written goes through Unprotect, store, Protect, Mark; the two
+// links of a sentinel lie side by side and go out as one 8-byte record.
+#include "durable.h"
 #include "layout.h"
-#include "region.h"
+
+namespace {
+
+uint8_t *At(LumRegion *region, RegionOffset offset) {
+    return region->base + offset;
+}
+
+RegionOffset LinkUp(const uint8_t *item) {
+    return ImageLoad32(item + bin_array::kLinkUp);
+}
+RegionOffset LinkDown(const uint8_t *item) {
+    return ImageLoad32(item + bin_array::kLinkDown);
+}
+uint32_t SizeOf(const uint8_t *item) {
+    return ImageLoad32(item) & ~kTagFlags;
+}
+
+// Sets a's link_down to `down_value` and b's link_up to `up_value`, each
+// behind its page protection. The caller marks them with MarkRelinked.
+void Relink(LumRegion *region, uint8_t *a, RegionOffset down_value, uint8_t *b,
+            RegionOffset up_value) {
+    _LumPageUnprotect(region, a + bin_array::kLinkDown, 4);
+    _LumPageUnprotect(region, b + bin_array::kLinkUp, 4);
+    ImageStore32(a + bin_array::kLinkDown, down_value);
+    ImageStore32(b + bin_array::kLinkUp, up_value);
+    _LumPageProtect(region, a + bin_array::kLinkDown, 4);
+    _LumPageProtect(region, b + bin_array::kLinkUp, 4);
+}
+
+// Logs the two links that Relink wrote: one 8-byte record when a and b are
+// the same sentinel, whose two links lie side by side.
+void MarkRelinked(LumRegion *region, uint8_t *a, uint8_t *b) {
+    if (a == b) {
+        _LumImageMarkDirty(region, b + bin_array::kLinkUp, 8);
+    } else {
+        _LumImageMarkDirty(region, a + bin_array::kLinkDown, 4);
+        _LumImageMarkDirty(region, b + bin_array::kLinkUp, 4);
+    }
+}
+
+} // namespace
+
+uint32_t _LumFreeListIndex(uint32_t size) {
+    uint32_t k = size >> 9;
+    if (size < 512)
+        return size >> 3;
+    if (k <= 4)
+        return 56 + (size >> 6);
+    if (k <= 20)
+        return 91 + (size >> 9);
+    if (k <= 84)
+        return 110 + (size >> 12);
+    if (k <= 340)
+        return 119 + (size >> 15);
+    if (k <= 1364)
+        return 124 + (size >> 18);
+    return 126;
+}
 
 void _LumFreeListInit(LumRegion *region, uint8_t *bins) {
     for (uint32_t i = 0; i < bin_array::kBins; ++i) {
         uint8_t *sentinel = bins + bin_array::SentinelOffset(i);
-        uint32_t self = ImageOffsetOf(region, sentinel);
+        RegionOffset self = ImageOffsetOf(region, sentinel);
         ImageStore32(sentinel + bin_array::kLinkUp, self);
         ImageStore32(sentinel + bin_array::kLinkDown, self);
     }
+}
+
+void _LumFreeListInsert(LumRegion *region, uint8_t *bins, uint8_t *item, uint32_t size) {
+    uint8_t *sentinel = bins + bin_array::SentinelOffset(_LumFreeListIndex(size));
+    uint8_t *prev = sentinel;
+    uint8_t *cur = At(region, LinkDown(sentinel));
+    // Sorted bins: in front of the first item that is not larger, seen along
+    // link_down, so equal sizes leave in the order they came.
+    if (size >= 512) {
+        while (cur != sentinel && size < SizeOf(cur)) {
+            prev = cur;
+            cur = At(region, LinkDown(cur));
+        }
+    }
+    RegionOffset offset = ImageOffsetOf(region, item);
+    Relink(region, prev, offset, cur, offset);
+    // After the protects above, which may have closed the item's own page.
+    _LumPageUnprotect(region, item, 12);
+    MarkRelinked(region, prev, cur);
+    ImageStore32(item + bin_array::kLinkUp, ImageOffsetOf(region, prev));
+    ImageStore32(item + bin_array::kLinkDown, ImageOffsetOf(region, cur));
+}
+
+uint8_t *_LumFreeListFind(LumRegion *region, uint8_t *bins, uint32_t size) {
+    for (uint32_t i = _LumFreeListIndex(size); i < bin_array::kBins; ++i) {
+        uint8_t *sentinel = bins + bin_array::SentinelOffset(i);
+        uint8_t *prev = sentinel;
+        uint8_t *cur = At(region, LinkUp(sentinel));
+        while (cur != sentinel && size > SizeOf(cur)) {
+            prev = cur;
+            cur = At(region, LinkUp(cur));
+        }
+        if (cur == sentinel)
+            continue;
+        uint8_t *next = At(region, LinkUp(cur));
+        Relink(region, next, ImageOffsetOf(region, prev), prev, ImageOffsetOf(region, next));
+        MarkRelinked(region, next, prev);
+        return cur;
+    }
+    return nullptr;
+}
+
+void _LumFreeListRemove(LumRegion *region, uint8_t *item) {
+    uint8_t *up = At(region, LinkUp(item));
+    uint8_t *down = At(region, LinkDown(item));
+    Relink(region, up, LinkDown(item), down, LinkUp(item));
+    MarkRelinked(region, up, down);
 }

@@ -28,6 +28,12 @@ inline RegionOffset ImageOffsetOf(const LumRegion *region, const uint8_t *at) {
     return static_cast<RegionOffset>(at - region->base);
 }
 
+// Tags: a block's size in bytes, a multiple of 8, with flags in the low
+// three bits; the same word stands at both ends of a block.
+inline constexpr uint32_t CHUNK_FREE = 1;
+inline constexpr uint32_t CHUNK_FENCE = 2;
+inline constexpr uint32_t kTagFlags = 7;
+
 // BinArray: 128 sentinels of free rings. Sentinel i begins at 4 + 12 i;
 // its first word stands where an item has its tag and is never used.
 namespace bin_array {
@@ -55,8 +61,68 @@ static_assert(kExtentBins + bin_array::kSize == kSize);
 static_assert(kPageSizeWord + 4 == kSize);
 } // namespace region_header
 
+// ExtentHeader: the head of every extent. A free extent's prev and next
+// are its link_up and link_down in extent_bins; its kind is stale.
+namespace extent_header {
+inline constexpr uint32_t kTag = 0;
+inline constexpr uint32_t kPrev = 4; // previous extent of the segment; 0 in a primary
+inline constexpr uint32_t kNext = 8; // next extent of the segment; 0 in the last
+inline constexpr uint32_t kKind = 12;
+inline constexpr uint32_t kPrimary = 1;
+inline constexpr uint32_t kSecondary = 2;
+inline constexpr uint32_t kPrimarySize = 1604; // header of a PrimaryExtent
+inline constexpr uint32_t kSecondarySize = 20; // header of a SecondaryExtent
+inline constexpr uint32_t kFenceTag = 16 | CHUNK_FENCE;
+// A formatted extent: header, 16-byte front fence, chunks, 16-byte rear
+// fence, foot tag. Its overhead over the chunk area:
+constexpr uint32_t Overhead(uint32_t header) {
+    return header + 36;
+}
+static_assert(bin_array::kLinkUp == kPrev && bin_array::kLinkDown == kNext);
+static_assert((kPrimarySize + 16) % 8 == 4 && (kSecondarySize + 16) % 8 == 4,
+              "chunk addresses are 4 modulo 8");
+} // namespace extent_header
+
 // PrimaryExtent: the head of a segment; only the word that the region-level
 // statistics read is named here.
 namespace primary_extent {
 inline constexpr uint32_t kUsedBytes = 56; // live chunk bytes of the segment
 } // namespace primary_extent
+
+// The first extent of an image: behind the region header, on a page.
+inline uint32_t FirstExtentOffset() {
+    return (region_header::kSize + region_page_size - 1) & ~(region_page_size - 1);
+}
+
+extern "C" {
+
+// freelist.cc ----------------------------------------------------------------
+
+// The bin of a block of `size` bytes (tags included): 0 to 126.
+uint32_t _LumFreeListIndex(uint32_t size);
+// Puts `item`, whose tags are written, into its bin. Leaves the item's first
+// 12 bytes writable with its links written and unmarked: the caller protects
+// the item and marks its first 12 bytes and its foot tag.
+void _LumFreeListInsert(LumRegion *region, uint8_t *bins, uint8_t *item, uint32_t size);
+// The smallest item of at least `size` bytes, unlinked, its own words as
+// they were; null when none fits.
+uint8_t *_LumFreeListFind(LumRegion *region, uint8_t *bins, uint32_t size);
+// Unlinks `item` from its ring; its own words stay.
+void _LumFreeListRemove(LumRegion *region, uint8_t *item);
+
+// extent.cc ------------------------------------------------------------------
+
+// An extent of `size` bytes rounded up to pages: the smallest free extent
+// that fits, split at its high end, or new pages at the end of the image.
+// Its tags are written and marked, the whole extent is writable, the rest
+// is the caller's. 0, or the code of _LumImageSetSize with *extent null.
+int32_t _LumExtentAlloc(LumRegion *region, uint32_t size, uint8_t **extent);
+// Frees an extent out of its segment's chain, merging it with free
+// neighbours, or cutting it off the image when it reaches the end. 0, or
+// the code of _LumImageSetSize.
+int32_t _LumExtentFree(LumRegion *region, uint8_t *extent);
+// Writes the fences and the one free chunk of an extent whose tag and kind
+// are set and whose pages are writable; returns the free chunk, in no bin.
+uint8_t *_LumExtentFormat(LumRegion *region, uint8_t *extent);
+
+} // extern "C"

@@ -133,7 +133,8 @@ void _LumRegionDeleteFiles(LumRegion *region, int32_t with_tab);
 // freelist.cc -----------------------------------------------------------
 
 // Makes all 128 bins of the BinArray at `bins` empty. No protection, no
-// marking: the caller holds the array writable and marks it.
+// marking: the caller holds the array writable and marks it. (The other
+// bin operations are with the allocator's layouts, in layout.h.)
 void _LumFreeListInit(LumRegion *region, uint8_t *bins);
 
 // log.cc ----------------------------------------------------------------
