@@ -73,7 +73,9 @@ Fixture &Bench() {
 }
 
 // Words spread over 64 pages, so the marks touch more than one map word.
-uint8_t *Word(uint8_t *base, uint32_t i) { return base + kMiB + (i % 16384) * 16; }
+uint8_t *Word(uint8_t *base, uint32_t i) {
+    return base + kMiB + (i % 16384) * 16;
+}
 
 void BM_LogCpyInt(benchmark::State &state) {
     Fixture &f = Bench();

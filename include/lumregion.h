@@ -241,6 +241,87 @@ LUMREGION_API void LumRegionLockForWrite(LumRegion *region);
 LUMREGION_API void LumRegionUnlock(LumRegion *region);
 
 /* ---------------------------------------------------------------------- */
+/* Segments and allocation                                                */
+/* ---------------------------------------------------------------------- */
+
+/** Opaque handle of a segment: the unit in which a host allocates. A handle
+ *  is volatile; the segment lives in the image and is found again by its id.
+ *  Several handles may stand for one segment; all are void after
+ *  LumSegmentDrop or the end of the region. */
+typedef struct LumSegment LumSegment;
+
+#define LUM_SEGMENT_MAX 128 /**< segments in one region */
+
+/** What LumSegmentGetInfo reports. */
+typedef struct LumSegmentInfo {
+    uint32_t segment_id;  /**< the id LumSegmentOpen takes, 0 to 127 */
+    uint32_t extents;     /**< the primary extent and the secondary ones */
+    uint32_t total_bytes; /**< sum of the extents' sizes */
+    uint32_t free_bytes;  /**< free chunks, tags included */
+    uint32_t free_chunks;
+    uint32_t used_bytes; /**< live chunks, tags included */
+    uint32_t used_chunks;
+} LumSegmentInfo;
+
+/** Creates a segment of @p region with the lowest free id: a primary
+ *  extent of @p primary_size bytes, grown when full by secondary extents,
+ *  the first of @p secondary_size bytes and each further one
+ *  @p growth_percent larger, until the segment's total reaches
+ *  @p maximum_size (0: no maximum). Sizes are rounded up to pages.
+ *  @return 0 with *segment set; -406 when 128 segments exist; -405 for a
+ *  primary size of 0 or a maximum below primary + secondary size (both
+ *  leave *segment untouched); 12 or the region's -402/-403 (with *segment
+ *  null); -19 for a null argument. */
+LUMREGION_API int32_t LumSegmentCreate(LumRegion *region, uint32_t primary_size,
+                                       uint32_t secondary_size, uint32_t growth_percent,
+                                       uint32_t maximum_size, LumSegment **segment);
+
+/** Drops the segment with everything in it and releases @p segment.
+ *  @return 0; -19 for a null handle. */
+LUMREGION_API int32_t LumSegmentDrop(LumSegment *segment);
+
+/** A new handle of the segment with id @p segment_id.
+ *  @return 0; -22 for an id that is 128 or more or names no segment; 12;
+ *  -19 for a null argument. *segment is untouched on failure. */
+LUMREGION_API int32_t LumSegmentOpen(LumRegion *region, uint32_t segment_id, LumSegment **segment);
+
+/** Releases a handle; the segment stays. @return 0. */
+LUMREGION_API int32_t LumSegmentClose(LumSegment *segment);
+
+/** Fills @p info from the segment's kept statistics; nothing for null. */
+LUMREGION_API void LumSegmentGetInfo(LumSegment *segment, LumSegmentInfo *info);
+
+/** Bytes of the segment's live chunks, tags included; 0 for null. */
+LUMREGION_API uint32_t LumSegmentGetUsedBytes(LumSegment *segment);
+
+/** Allocates @p size bytes in @p segment: *pointer is a multiple of 8.
+ *  The memory comes back writable and unlogged: fill it with plain stores,
+ *  then call LumMemLog (or LumMemNoLog) before the commit that is to keep it.
+ *  The chunk is logged whole, so @p size must stay within the region's
+ *  largest_record. @return 0; -407 at the segment's maximum; -402 or -403
+ *  when the region cannot grow; -19 for a null argument or a size above
+ *  4294967224 (*pointer null on failure). */
+LUMREGION_API int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer);
+
+/** Frees an allocation of @p segment, merging it with free neighbours.
+ *  @return 0; -19 for a pointer that is not a multiple of 8 or a null
+ *  segment; -408 for a chunk that is free already. */
+LUMREGION_API int32_t LumMemFree(LumSegment *segment, void *pointer);
+
+/** The bytes usable at @p pointer, at least what was asked; 0 for null. */
+LUMREGION_API uint32_t LumMemGetSize(void *pointer);
+
+/** Walks the image of @p region and proves its structure: extents tile the
+ *  image in page multiples, every live segment stands in the segment map,
+ *  its chunks have sane sizes, and its kept statistics equal the walk's
+ *  sums. Reads only the image below its used size, whatever the image
+ *  holds, and changes nothing. The region must not change meanwhile.
+ *  @return 0, or the code of the first failing test: -497, -496, -495
+ *  (segment map), -494, -493, -499, -498 (extents), -492 (a free front
+ *  fence), -491 (chunks), -490 (statistics); -19 for a null handle. */
+LUMREGION_API int32_t LumRegionVerify(LumRegion *region);
+
+/* ---------------------------------------------------------------------- */
 /* Commit, offline and online                                             */
 /* ---------------------------------------------------------------------- */
 
@@ -268,10 +349,6 @@ LUMREGION_API void LumRegionOnline(LumRegion *region);
 /* ---------------------------------------------------------------------- */
 /* Logged writes                                                          */
 /* ---------------------------------------------------------------------- */
-
-/** Opaque handle of a segment of a region (see the segment operations).
- *  The logged writes take one and change the image of its region. */
-typedef struct LumSegment LumSegment;
 
 /* Persistent memory is read with plain pointers and changed only through
  * these operations. Each stores at @p target, an address inside the image,

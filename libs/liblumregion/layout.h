@@ -5,6 +5,7 @@
 #pragma once
 
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -83,11 +84,35 @@ static_assert((kPrimarySize + 16) % 8 == 4 && (kSecondarySize + 16) % 8 == 4,
               "chunk addresses are 4 modulo 8");
 } // namespace extent_header
 
-// PrimaryExtent: the head of a segment; only the word that the region-level
-// statistics read is named here.
+// PrimaryExtent: the head of a segment, behind its ExtentHeader (prev 0,
+// next the newest secondary extent, kind 1).
 namespace primary_extent {
-inline constexpr uint32_t kUsedBytes = 56; // live chunk bytes of the segment
+inline constexpr uint32_t kSegmentId = 16;     // index in segment_map; 9999 once dropped
+inline constexpr uint32_t kPrimarySize = 24;   // page multiple
+inline constexpr uint32_t kSecondarySize = 28; // first secondary extent; may be 0
+inline constexpr uint32_t kGrowthPercent = 32; // growth of each further secondary
+inline constexpr uint32_t kMaximumSize = 36;   // total_bytes at which growth stops; 0: none
+inline constexpr uint32_t kStats = 40;         // SegmentStats, six words
+inline constexpr uint32_t kUsedBytes = 56;     // stats.used_bytes
+inline constexpr uint32_t kChunkBins = 64;     // BinArray of the free chunks
+inline constexpr uint32_t kDroppedId = 9999;
+static_assert(kChunkBins + bin_array::kSize == extent_header::kPrimarySize);
 } // namespace primary_extent
+
+// SegmentStats: the six counters at offset 40 of a PrimaryExtent. Callers
+// keep a copy while they work and write it back as one 24-byte record.
+// Invariant: total_bytes = free_bytes + used_bytes + 1640 + 56 (extents - 1).
+struct SegmentStats {
+    uint32_t extents;
+    uint32_t total_bytes;
+    uint32_t free_bytes;
+    uint32_t free_chunks;
+    uint32_t used_bytes;
+    uint32_t used_chunks;
+};
+static_assert(sizeof(SegmentStats) == 24);
+static_assert(primary_extent::kStats + offsetof(SegmentStats, used_bytes) ==
+              primary_extent::kUsedBytes);
 
 // The first extent of an image: behind the region header, on a page.
 inline uint32_t FirstExtentOffset() {
@@ -109,6 +134,25 @@ void _LumFreeListInsert(LumRegion *region, uint8_t *bins, uint8_t *item, uint32_
 uint8_t *_LumFreeListFind(LumRegion *region, uint8_t *bins, uint32_t size);
 // Unlinks `item` from its ring; its own words stay.
 void _LumFreeListRemove(LumRegion *region, uint8_t *item);
+
+// segment.cc -----------------------------------------------------------------
+
+// Adds a secondary extent with room for a chunk of `chunk_size` bytes behind
+// the primary one and formats it; *chunk is its one free chunk, in no bin,
+// and the extent stays writable. `stats` is the caller's copy. 0, -407 at
+// the maximum, -403 for a size beyond the region, or the code of
+// _LumExtentAlloc.
+int32_t _LumSegmentExtend(LumSegment *segment, uint32_t chunk_size, SegmentStats *stats,
+                          uint8_t **chunk);
+// Takes a wholly free secondary extent out of the chain and frees it.
+int32_t _LumSegmentShrink(LumSegment *segment, SegmentStats *stats, uint8_t *extent);
+
+// verify.cc ------------------------------------------------------------------
+
+// Checks the segment whose PrimaryExtent is at `primary`: its map entry,
+// every extent of its chain and their chunks, and with `check_stats` 1 the
+// kept statistics. 0 or the code of the first failing test.
+int32_t _LumSegmentVerify(LumRegion *region, uint8_t *primary, int32_t check_stats);
 
 // extent.cc ------------------------------------------------------------------
 

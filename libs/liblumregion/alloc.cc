@@ -1,0 +1,74 @@
+// Chunk allocation: LumMemAlloc hands out a boundary-tagged chunk of a
+// segment, the smallest free chunk that fits, split at its high end, or the
+// free chunk of a new secondary extent.
+//
+// The contract with the caller: the chunk's pages come back writable and
+// its two tags written but not logged. The caller fills the chunk with
+// plain stores and ends with LumMemLog, which logs the whole chunk, tags
+// included, in one record (or LumMemNoLog, which logs nothing).
+#include <cstring>
+
+#include "durable.h"
+#include "layout.h"
+
+namespace {
+
+constexpr uint32_t kSmallestChunk = 16;
+// The largest request whose chunk, with a secondary extent's overhead,
+// still fits 32 bits.
+constexpr uint32_t kLargestRequest = 0xFFFFFFFF - 71;
+
+uint32_t ChunkSizeFor(uint32_t size) {
+    uint32_t want = (size + 15) & ~7u;
+    return want > kSmallestChunk ? want : kSmallestChunk;
+}
+
+} // namespace
+
+int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer) {
+    if (segment == nullptr || pointer == nullptr)
+        return LUM_RC_FAILURE;
+    *pointer = nullptr;
+    if (size > kLargestRequest)
+        return LUM_RC_FAILURE;
+    LumRegion *region = segment->region;
+    uint8_t *stats_at = segment->primary + primary_extent::kStats;
+    uint8_t *bins = segment->primary + primary_extent::kChunkBins;
+    SegmentStats s;
+    memcpy(&s, stats_at, sizeof s);
+
+    uint32_t want = ChunkSizeFor(size);
+    uint8_t *found = _LumFreeListFind(region, bins, want);
+    if (found == nullptr) {
+        if (int32_t rc = _LumSegmentExtend(segment, want, &s, &found); rc != 0)
+            return rc;
+        s.free_bytes += ImageLoad32(found) & ~kTagFlags;
+        s.free_chunks += 1;
+    }
+    uint32_t have = ImageLoad32(found) & ~kTagFlags;
+    if (have >= want + kSmallestChunk) {
+        uint8_t *rest = found + want;
+        uint32_t rest_size = have - want;
+        _LumPageUnprotect(region, rest, rest_size);
+        ImageStore32(rest, rest_size | CHUNK_FREE);
+        ImageStore32(rest + rest_size - 4, rest_size | CHUNK_FREE);
+        _LumFreeListInsert(region, bins, rest, rest_size);
+        _LumPageProtect(region, rest, rest_size);
+        _LumImageMarkDirty(region, rest, 12);
+        _LumImageMarkDirty(region, rest + rest_size - 4, 4);
+        have = want;
+    } else {
+        s.free_chunks -= 1;
+    }
+    s.free_bytes -= have;
+    s.used_chunks += 1;
+    s.used_bytes += have;
+    _LumMemCopy(segment, stats_at, &s, sizeof s);
+    // Last: every protect before works on whole pages and may have closed
+    // the chunk's.
+    _LumPageUnprotect(region, found, have);
+    ImageStore32(found, have);
+    ImageStore32(found + have - 4, have);
+    *pointer = found + 4;
+    return 0;
+}

@@ -1,0 +1,77 @@
+// Chunk release: LumMemFree merges a chunk with its free neighbours, puts
+// the result into the segment's bins, or gives a secondary extent back to
+// the region when the chunk now fills it. A primary extent stays.
+#include <cstring>
+
+#include "durable.h"
+#include "layout.h"
+
+namespace {
+
+uint32_t TagSize(uint32_t tag) {
+    return tag & ~kTagFlags;
+}
+
+// The extent that a chunk lying directly behind its front fence belongs to:
+// that chunk lies in the extent's first page.
+uint8_t *ExtentOfFirstChunk(uint8_t *chunk) {
+    auto address = reinterpret_cast<uintptr_t>(chunk);
+    return reinterpret_cast<uint8_t *>(address & ~uintptr_t{region_page_size - 1});
+}
+
+} // namespace
+
+int32_t LumMemFree(LumSegment *segment, void *pointer) {
+    if (segment == nullptr || pointer == nullptr || reinterpret_cast<uintptr_t>(pointer) % 8 != 0)
+        return LUM_RC_FAILURE;
+    LumRegion *region = segment->region;
+    uint8_t *stats_at = segment->primary + primary_extent::kStats;
+    uint8_t *bins = segment->primary + primary_extent::kChunkBins;
+    uint8_t *chunk = static_cast<uint8_t *>(pointer) - 4;
+    uint32_t size = TagSize(ImageLoad32(chunk));
+    if (ImageLoad32(chunk) & CHUNK_FREE)
+        return LUM_RC_DOUBLE_FREE;
+    if (region_mutation_check == 1)
+        _LumMutationCheck(segment, pointer, 1);
+
+    SegmentStats s;
+    memcpy(&s, stats_at, sizeof s);
+    s.free_bytes += size;
+    s.free_chunks += 1;
+    s.used_bytes -= size;
+    s.used_chunks -= 1;
+
+    uint8_t *next = chunk + size;
+    if (ImageLoad32(next) & CHUNK_FREE) {
+        size += TagSize(ImageLoad32(next));
+        _LumFreeListRemove(region, next);
+        s.free_chunks -= 1;
+    }
+    uint8_t *prev = chunk - TagSize(ImageLoad32(chunk - 4));
+    if (ImageLoad32(prev) & CHUNK_FREE) {
+        size += TagSize(ImageLoad32(prev));
+        _LumFreeListRemove(region, prev);
+        chunk = prev;
+        s.free_chunks -= 1;
+    }
+
+    uint8_t *before = chunk - TagSize(ImageLoad32(chunk - 4));
+    bool fills_extent =
+        (ImageLoad32(before) & CHUNK_FENCE) && (ImageLoad32(chunk + size) & CHUNK_FENCE);
+    uint8_t *extent = ExtentOfFirstChunk(chunk);
+    if (fills_extent && ImageLoad32(extent + extent_header::kKind) == extent_header::kSecondary) {
+        s.free_bytes -= size;
+        s.free_chunks -= 1;
+        _LumSegmentShrink(segment, &s, extent);
+    } else {
+        _LumPageUnprotect(region, chunk, size);
+        ImageStore32(chunk, size | CHUNK_FREE);
+        ImageStore32(chunk + size - 4, size | CHUNK_FREE);
+        _LumFreeListInsert(region, bins, chunk, size);
+        _LumPageProtect(region, chunk, size);
+        _LumImageMarkDirty(region, chunk, 12);
+        _LumImageMarkDirty(region, chunk + size - 4, 4);
+    }
+    _LumMemCopy(segment, stats_at, &s, sizeof s);
+    return 0;
+}
