@@ -2,12 +2,13 @@
  * lumdemo - a small host of liblumregion.
  *
  * Starts the library from its properties and command line, then
- *   1. creates a volatile region, grows its image until the soft limit
- *      stops it, raises the limit and grows on;
- *   2. creates a persistent region in a data directory, changes its image
- *      through logged writes and commits, runs two checkpoint passes that
- *      the next commits acknowledge, prints the files with their headers,
- *      and closes the region, which leaves only its snapshot.
+ *   1. creates a volatile region and fills it with segments until its soft
+ *      limit stops the image, raises the limit and goes on;
+ *   2. creates a persistent region in a data directory, allocates records
+ *      in a segment, fills them with logged writes and commits, frees some,
+ *      runs two checkpoint passes that the next commits acknowledge, prints
+ *      the segment's statistics, verifies the image, shows the files with
+ *      their headers, and closes the region, which leaves its snapshot.
  * Run it with -regionprotectall to keep the images' pages read-only. The
  * data directory is "lumdemo-data/" in the current directory, or argv[1]
  * (ending in '/').
@@ -21,24 +22,18 @@
 #include "lum_rs.h"
 #include "lumregion.h"
 
-/* The image grows with segments and chunks, and changes through the logged
- * writes of the allocator; until a host has those, this demo uses the
- * operations beneath them. The checkpoint thread visits regions once a
- * minute; the demo runs its pass at once. */
-extern int32_t _LumImageSetSize(LumRegion *region, uint32_t size);
-extern void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length);
+/* The checkpoint thread visits regions once a minute; the demo runs its
+ * pass at once. */
 extern void _LumCheckpointPass(void);
 
 #define MIB (1024u * 1024u)
 
-static void print_info(LumRegion *region) {
-    LumRegionInfo info;
-    LumRegionGetInfo(region, &info);
-    printf("  region '%s' type %d at %p: used %u of soft %u / hard %u bytes, %u segments, "
-           "protect %d\n",
-           info.name, info.type, info.base, info.used, info.soft_limit, info.hard_limit,
-           info.segment_count, info.protect);
-}
+/* A record as it lies in persistent memory: plain words, no pointers. */
+typedef struct Entry {
+    int32_t id;
+    int32_t balance;
+    char note[24];
+} Entry;
 
 static int fail(const char *what, int32_t rc) {
     fprintf(stderr, "lumdemo: %s failed: %d (%s)\n", what, rc, LumRCToString(rc));
@@ -51,13 +46,19 @@ static void print_log_record(void *context, int32_t severity, uint32_t set, uint
     printf("  [log severity %d, message %u.%u] %s\n", severity, set, id, text);
 }
 
-/* Grows the image by one MiB at a time until the soft limit refuses. */
-static uint32_t grow_until_refused(LumRegion *region, uint32_t size) {
-    int32_t rc;
-    while ((rc = _LumImageSetSize(region, size + MIB)) == 0)
-        size += MIB;
-    printf("  growing to %u bytes: %d (%s)\n", size + MIB, rc, LumRCToString(rc));
-    return size;
+static void print_info(LumRegion *region) {
+    LumRegionInfo info;
+    LumRegionGetInfo(region, &info);
+    printf("  region '%s' type %d: used %u of soft %u / hard %u bytes, %u segments\n", info.name,
+           info.type, info.used, info.soft_limit, info.hard_limit, info.segment_count);
+}
+
+static void print_segment(LumSegment *segment) {
+    LumSegmentInfo info;
+    LumSegmentGetInfo(segment, &info);
+    printf("  segment %u: %u extents, %u bytes; %u used in %u chunks, %u free in %u chunks\n",
+           info.segment_id, info.extents, info.total_bytes, info.used_bytes, info.used_chunks,
+           info.free_bytes, info.free_chunks);
 }
 
 /* Lists the files of a directory with their sizes and the generation and
@@ -93,70 +94,103 @@ static void print_files(const char *directory) {
     closedir(dir);
 }
 
-/* Writes `text` into the image at `offset` and announces the change, which
- * logs the bytes and marks their page. */
-static void logged_write(LumRegion *region, void *base, uint32_t offset, const char *text) {
-    char *target = (char *)base + offset;
-    strcpy(target, text);
-    _LumImageMarkDirty(region, target, (uint32_t)strlen(text) + 1);
+/* Creates segments of one MiB until the region refuses; returns how many. */
+static int fill_with_segments(LumRegion *region) {
+    LumSegment *segment;
+    int32_t rc;
+    int count = 0;
+    while ((rc = LumSegmentCreate(region, MIB, 0, 0, 0, &segment)) == 0) {
+        LumSegmentClose(segment);
+        ++count;
+    }
+    printf("  %d segments created, then: %d (%s)\n", count, rc, LumRCToString(rc));
+    return count;
 }
 
 static int volatile_region(void) {
     LumRegion *region;
     void *base;
-    int32_t rc = LumRegionCreate("demo", LUM_REGION_VOLATILE, 64 * MIB, 4 * MIB, 0, 0, NULL,
+    int32_t rc = LumRegionCreate("scratch", LUM_REGION_VOLATILE, 64 * MIB, 4 * MIB, 0, 0, NULL,
                                  &region, &base);
     if (rc != 0)
         return fail("LumRegionCreate", rc);
     printf("created a volatile region:\n");
     print_info(region);
-
-    uint32_t size = grow_until_refused(region, 0);
+    fill_with_segments(region);
     print_info(region);
     rc = LumRegionSetSoftLimit(region, 16 * MIB);
     printf("raising the soft limit to 16 MiB: %d\n", rc);
-    grow_until_refused(region, size);
+    fill_with_segments(region);
     print_info(region);
     rc = LumRegionSetSoftLimit(region, 128 * MIB);
     printf("raising the soft limit beyond the hard limit: %d (%s)\n", rc, LumRCToString(rc));
-    printf("closed the region: %d\n", LumRegionClose(region));
+    rc = LumRegionDrop(region);
+    printf("dropping it: %d (%s)\n", rc, LumRCToString(rc));
+    printf("closed it: %d\n", LumRegionClose(region));
     return 0;
+}
+
+/* Allocates an entry and fills it with plain stores before logging it
+ * whole, as the allocation contract asks. */
+static Entry *new_entry(LumSegment *segment, int32_t id, const char *note) {
+    Entry *entry;
+    if (LumMemAlloc(segment, sizeof *entry, (void **)&entry) != 0)
+        return NULL;
+    entry->id = id;
+    entry->balance = 0;
+    snprintf(entry->note, sizeof entry->note, "%s", note);
+    LumMemLog(segment, entry);
+    return entry;
 }
 
 static int persistent_region(const char *directory) {
     LumRegion *region;
+    LumSegment *segment;
+    Entry *entries[8];
     void *base;
     mkdir(directory, 0700);
-    int32_t rc = LumRegionCreate("ledger", LUM_REGION_PERSISTENT, 16 * MIB, 16 * MIB, 0, 0,
+    int32_t rc = LumRegionCreate("ledger", LUM_REGION_PERSISTENT, 16 * MIB, 16 * MIB, 4096, 0,
                                  directory, &region, &base);
     if (rc != 0)
         return fail("LumRegionCreate", rc);
-    printf("created a persistent region in %s:\n", directory);
-    print_info(region);
-    rc = _LumImageSetSize(region, 4 * 4096);
+    rc = LumSegmentCreate(region, 64 * 1024, 16 * 1024, 50, 0, &segment);
     if (rc != 0)
-        return fail("growing the image", rc);
+        return fail("LumSegmentCreate", rc);
+    printf("created a persistent region in %s with a segment:\n", directory);
+    print_info(region);
 
-    logged_write(region, base, 4096, "first entry");
+    for (int i = 0; i < 8; ++i) {
+        entries[i] = new_entry(segment, i, "opened");
+        if (entries[i] == NULL)
+            return fail("LumMemAlloc", -19);
+    }
     LumRegionCommit(region);
-    printf("committed the first change: the log of generation 0 holds it\n");
+    printf("allocated 8 entries and committed them:\n");
+    print_segment(segment);
     print_files(directory);
 
     _LumCheckpointPass();
-    logged_write(region, base, 2 * 4096, "second entry");
+    for (int i = 0; i < 8; ++i)
+        LumMemLogCpyInt(segment, &entries[i]->balance, 100 * (i + 1));
     LumRegionCommit(region);
-    printf("checkpointed into _0.chk; the next commit acknowledged it\n");
+    printf("checkpointed into _0.chk; changed the balances with logged writes and committed,\n"
+           "which acknowledged the checkpoint:\n");
     print_files(directory);
 
     _LumCheckpointPass();
-    logged_write(region, base, 3 * 4096, "third entry");
+    for (int i = 0; i < 8; i += 2)
+        LumMemFree(segment, entries[i]);
+    LumMemLogCpy(segment, entries[1]->note, "closed", 7);
     LumRegionCommit(region);
-    printf("the second checkpoint switched to generation 1 and wrote _1.chk; the next commit\n"
-           "started _1.log and acknowledged it\n");
+    printf("the second checkpoint switched to generation 1; freed 4 entries and committed:\n");
+    print_segment(segment);
     print_files(directory);
+    rc = LumRegionVerify(region);
+    printf("LumRegionVerify: %d\n", rc);
 
+    LumSegmentClose(segment);
     rc = LumRegionClose(region);
-    printf("closed the region: %d; what stays is the snapshot of generation 1 + 1:\n", rc);
+    printf("closed the region: %d; what stays is its snapshot:\n", rc);
     print_files(directory);
     return rc == 0 ? 0 : 1;
 }
