@@ -3,53 +3,28 @@
 // same run.
 #include <benchmark/benchmark.h>
 #include <cstdlib>
-#include <string>
-#include <unistd.h>
 
-#include "durable.h"
-#include "lumregion.h"
+#include "bench_region.h"
 
 namespace {
 
-constexpr uint32_t kMiB = 1024 * 1024;
 constexpr int kBatch = 64; // allocations live at once in each iteration
 
-struct Fixture {
-    Fixture() {
-        char pattern[] = "/tmp/lumbench-alloc-XXXXXX";
-        directory = std::string(mkdtemp(pattern)) + "/";
-        LumPropMgr *properties;
-        LumPropMgrCreate(&properties);
-        LumRegionPropMgrInitialise(properties);
-        if (LumRegionStartup(properties, "/nonexistent-home") != 0)
-            abort();
-        void *base;
-        if (LumRegionCreate("alloc", LUM_REGION_PERSISTENT, 256 * kMiB, 256 * kMiB, 32 * kMiB, 0,
-                            directory.c_str(), &region, &base) != 0 ||
-            LumSegmentCreate(region, 4 * kMiB, kMiB, 0, 0, &segment) != 0)
+struct Fixture : BenchRegion {
+    Fixture() : BenchRegion("alloc", 32 * kMiB) {
+        if (LumSegmentCreate(region, 4 * kMiB, kMiB, 0, 0, &segment) != 0)
             abort();
     }
-    ~Fixture() {
-        LumSegmentDrop(segment);
-        LumRegionDrop(region);
-        std::string command = "rm -rf " + directory;
-        if (system(command.c_str()) != 0)
-            abort();
-    }
+    ~Fixture() { LumSegmentDrop(segment); }
     // Keeps the log buffer from filling inside the timed loop.
     void CommitWhenFull(benchmark::State &state) {
         if (region->log_buffer->capacity - region->log_buffer->used > kMiB)
             return;
         state.PauseTiming();
         LumRegionCommit(region);
-        int log = region->log_fd[region->generation.load() % 2];
-        if (ftruncate(log, 32) != 0)
-            abort();
-        lseek(log, 32, SEEK_SET);
+        RewindLog();
         state.ResumeTiming();
     }
-    std::string directory;
-    LumRegion *region = nullptr;
     LumSegment *segment = nullptr;
 };
 

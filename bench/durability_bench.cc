@@ -15,54 +15,28 @@
 #include <string>
 #include <unistd.h>
 
-#include "durable.h"
-#include "lumregion.h"
+#include "bench_region.h"
 
 namespace {
 
-constexpr uint32_t kMiB = 1024 * 1024;
-
-// A started library, a scratch directory and one persistent region for the
-// whole run.
-struct Fixture {
-    Fixture() {
-        char pattern[] = "/tmp/lumbench-XXXXXX";
-        directory = std::string(mkdtemp(pattern)) + "/";
-        LumPropMgr *properties;
-        LumPropMgrCreate(&properties);
-        LumRegionPropMgrInitialise(properties);
-        if (LumRegionStartup(properties, "/nonexistent-home") != 0)
-            abort();
-        void *base;
-        // A large buffer, so that a flush inside the timed writes is rare.
-        if (LumRegionCreate("bench", LUM_REGION_PERSISTENT, 256 * kMiB, 256 * kMiB, 32 * kMiB, 0,
-                            directory.c_str(), &region, &base) != 0)
-            abort();
+// The region of these benchmarks, grown to 64 MiB, with a large log buffer
+// so that a flush inside the timed writes is rare, and a reference file.
+struct Fixture : BenchRegion {
+    Fixture() : BenchRegion("bench", 32 * kMiB) {
         if (_LumImageSetSize(region, 64 * kMiB) != 0)
             abort();
         segment = {region, nullptr};
         LumRegionCommit(region);
         reference_fd = open((directory + "reference").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
     }
-    ~Fixture() {
-        close(reference_fd);
-        LumRegionDrop(region);
-        std::string command = "rm -rf " + directory;
-        if (system(command.c_str()) != 0)
-            perror("rm");
-    }
-    // Starts the current log and the reference file afresh, so that files
-    // do not grow through a long run.
+    ~Fixture() { close(reference_fd); }
+    // Starts the log and the reference file afresh.
     void RewindFiles() {
-        int log = region->log_fd[region->generation.load() % 2];
-        if (ftruncate(log, file_header::kSize) != 0 || ftruncate(reference_fd, 0) != 0)
+        RewindLog();
+        if (ftruncate(reference_fd, 0) != 0)
             abort();
-        lseek(log, file_header::kSize, SEEK_SET);
         lseek(reference_fd, 0, SEEK_SET);
     }
-
-    std::string directory;
-    LumRegion *region = nullptr;
     LumSegment segment{};
     int reference_fd = -1;
 };

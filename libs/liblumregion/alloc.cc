@@ -47,15 +47,7 @@ int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer) {
     }
     uint32_t have = ImageLoad32(found) & ~kTagFlags;
     if (have >= want + kSmallestChunk) {
-        uint8_t *rest = found + want;
-        uint32_t rest_size = have - want;
-        _LumPageUnprotect(region, rest, rest_size);
-        ImageStore32(rest, rest_size | CHUNK_FREE);
-        ImageStore32(rest + rest_size - 4, rest_size | CHUNK_FREE);
-        _LumFreeListInsert(region, bins, rest, rest_size);
-        _LumPageProtect(region, rest, rest_size);
-        _LumImageMarkDirty(region, rest, 12);
-        _LumImageMarkDirty(region, rest + rest_size - 4, 4);
+        RegionChunkRelease(region, bins, found + want, have - want); // the rest
         have = want;
     } else {
         s.free_chunks -= 1;

@@ -21,6 +21,16 @@ uint8_t *ExtentOfFirstChunk(uint8_t *chunk) {
 
 } // namespace
 
+void RegionChunkRelease(LumRegion *region, uint8_t *bins, uint8_t *chunk, uint32_t size) {
+    _LumPageUnprotect(region, chunk, size);
+    ImageStore32(chunk, size | CHUNK_FREE);
+    ImageStore32(chunk + size - 4, size | CHUNK_FREE);
+    _LumFreeListInsert(region, bins, chunk, size);
+    _LumPageProtect(region, chunk, size);
+    _LumImageMarkDirty(region, chunk, 12);
+    _LumImageMarkDirty(region, chunk + size - 4, 4);
+}
+
 int32_t LumMemFree(LumSegment *segment, void *pointer) {
     if (segment == nullptr || pointer == nullptr || reinterpret_cast<uintptr_t>(pointer) % 8 != 0)
         return LUM_RC_FAILURE;
@@ -64,13 +74,7 @@ int32_t LumMemFree(LumSegment *segment, void *pointer) {
         s.free_chunks -= 1;
         _LumSegmentShrink(segment, &s, extent);
     } else {
-        _LumPageUnprotect(region, chunk, size);
-        ImageStore32(chunk, size | CHUNK_FREE);
-        ImageStore32(chunk + size - 4, size | CHUNK_FREE);
-        _LumFreeListInsert(region, bins, chunk, size);
-        _LumPageProtect(region, chunk, size);
-        _LumImageMarkDirty(region, chunk, 12);
-        _LumImageMarkDirty(region, chunk + size - 4, 4);
+        RegionChunkRelease(region, bins, chunk, size);
     }
     _LumMemCopy(segment, stats_at, &s, sizeof s);
     return 0;
