@@ -19,7 +19,10 @@ class VerifyTest : public PersistentTest {
         ASSERT_NE(secondary_, region_->base);
         ASSERT_EQ(LumRegionVerify(region_), 0);
     }
-    void TearDown() override { EXPECT_EQ(LumRegionClose(region_), 0); }
+    void TearDown() override {
+        LumSegmentClose(segment_);
+        EXPECT_EQ(LumRegionClose(region_), 0);
+    }
     void Poke(uint8_t *at, uint32_t value) { ImageStore32(at, value); }
 
     LumRegion *region_ = nullptr;
