@@ -17,6 +17,11 @@
 //      largest index is 126.
 // Every link written goes through Unprotect, store, Protect, Mark; the two
 // links of a sentinel lie side by side and go out as one 8-byte record.
+//
+// Beside each BinArray the region handle keeps a volatile summary of the
+// bins that may hold items (BinSummary), so that a search jumps over empty
+// bins instead of reading every sentinel on its way. An insert sets a bin's
+// bit; a search that finds a bin empty clears it.
 #include "durable.h"
 #include "layout.h"
 
@@ -59,6 +64,40 @@ void MarkRelinked(LumRegion *region, uint8_t *a, uint8_t *b) {
     }
 }
 
+// The summary of the BinArray at `bins`: slot 128 for extent_bins, else the
+// id of the segment whose chunk_bins they are. Null for bins that name no
+// valid slot (a damaged id), which are then searched bin by bin.
+BinSummary *SummaryOf(LumRegion *region, uint8_t *bins) {
+    if (bins == region->base + region_header::kExtentBins)
+        return &region->bin_summary[kBinSummarySlots - 1];
+    uint32_t id = ImageLoad32(bins - primary_extent::kChunkBins + primary_extent::kSegmentId);
+    return id < kBinSummarySlots - 1 ? &region->bin_summary[id] : nullptr;
+}
+
+void NoteFilled(BinSummary *summary, uint32_t bin) {
+    if (summary != nullptr)
+        summary->maybe_filled[bin / 64] |= uint64_t{1} << (bin % 64);
+}
+
+void NoteEmpty(BinSummary *summary, uint32_t bin) {
+    if (summary != nullptr && summary->known)
+        summary->maybe_filled[bin / 64] &= ~(uint64_t{1} << (bin % 64));
+}
+
+// The next bin from `bin` on that may hold items; kBins when none.
+uint32_t NextMaybeFilled(const BinSummary *summary, uint32_t bin) {
+    if (summary == nullptr || !summary->known)
+        return bin;
+    for (uint32_t word = bin / 64; word < 2; ++word) {
+        uint64_t bits = summary->maybe_filled[word];
+        if (word == bin / 64)
+            bits &= ~uint64_t{0} << (bin % 64);
+        if (bits != 0)
+            return word * 64 + static_cast<uint32_t>(__builtin_ctzll(bits));
+    }
+    return bin_array::kBins;
+}
+
 } // namespace
 
 uint32_t _LumFreeListIndex(uint32_t size) {
@@ -79,6 +118,8 @@ uint32_t _LumFreeListIndex(uint32_t size) {
 }
 
 void _LumFreeListInit(LumRegion *region, uint8_t *bins) {
+    if (BinSummary *summary = SummaryOf(region, bins))
+        *summary = {{0, 0}, true};
     for (uint32_t i = 0; i < bin_array::kBins; ++i) {
         uint8_t *sentinel = bins + bin_array::SentinelOffset(i);
         RegionOffset self = ImageOffsetOf(region, sentinel);
@@ -88,7 +129,9 @@ void _LumFreeListInit(LumRegion *region, uint8_t *bins) {
 }
 
 void _LumFreeListInsert(LumRegion *region, uint8_t *bins, uint8_t *item, uint32_t size) {
-    uint8_t *sentinel = bins + bin_array::SentinelOffset(_LumFreeListIndex(size));
+    uint32_t bin = _LumFreeListIndex(size);
+    NoteFilled(SummaryOf(region, bins), bin);
+    uint8_t *sentinel = bins + bin_array::SentinelOffset(bin);
     uint8_t *prev = sentinel;
     uint8_t *cur = At(region, LinkDown(sentinel));
     // Sorted bins: in front of the first item that is not larger, seen along
@@ -109,10 +152,14 @@ void _LumFreeListInsert(LumRegion *region, uint8_t *bins, uint8_t *item, uint32_
 }
 
 uint8_t *_LumFreeListFind(LumRegion *region, uint8_t *bins, uint32_t size) {
-    for (uint32_t i = _LumFreeListIndex(size); i < bin_array::kBins; ++i) {
+    BinSummary *summary = SummaryOf(region, bins);
+    for (uint32_t i = NextMaybeFilled(summary, _LumFreeListIndex(size)); i < bin_array::kBins;
+         i = NextMaybeFilled(summary, i + 1)) {
         uint8_t *sentinel = bins + bin_array::SentinelOffset(i);
         uint8_t *prev = sentinel;
         uint8_t *cur = At(region, LinkUp(sentinel));
+        if (cur == sentinel)
+            NoteEmpty(summary, i);
         while (cur != sentinel && size > SizeOf(cur)) {
             prev = cur;
             cur = At(region, LinkUp(cur));

@@ -29,6 +29,20 @@ enum CheckpointState : uint32_t {
     CHECKPOINT_ACKED = 2,
 };
 
+// A volatile summary of which bins of one BinArray may hold items, so that
+// a search skips empty bins without reading their sentinels. A set bit may
+// stand for an empty bin (the search clears it); a clear bit always means
+// empty. Whoever rewrites an image's bins other than through the bin
+// operations (a restore from files) must forget the summaries.
+struct BinSummary {
+    uint64_t maybe_filled[2];
+    bool known; // false: not built yet, every bin may hold items
+};
+
+// Summaries of extent_bins (slot 128) and of the chunk_bins of each segment
+// id (slots 0 to 127).
+inline constexpr uint32_t kBinSummarySlots = 129;
+
 // The volatile record of an open region. The handle is a pointer to it, and
 // `name` comes first so that the handle serves as the region's name in log
 // messages. Allocated with lum_malloc and value-initialised (all zero).
@@ -56,6 +70,7 @@ struct LumRegion {
     std::atomic<uint32_t> log_failed;
     int32_t sync_failed;          // the last sync failed: working files stay at close
     int32_t last_checkpoint_time; // timestamp of the newest chk header this handle wrote
+    BinSummary bin_summary[kBinSummarySlots]; // owned by freelist.cc
     std::atomic<uint32_t> checkpoint_state;
     int chk_fd[2];          // "_0.chk", "_1.chk"; -1 for none
     int log_fd[2];          // "_0.log", "_1.log"; -1 for none
