@@ -9,6 +9,7 @@
 // every change whose mark the clear took away; a later change marks again.
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstring>
 
 #include "durable.h"
@@ -70,8 +71,10 @@ void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length) {
     if (!IsPersistent(region) || length == 0)
         return;
     uint32_t offset = ImageOffsetOf(region, static_cast<uint8_t *>(address));
-    uint64_t first = offset / region_page_size;
-    uint64_t last = (static_cast<uint64_t>(offset) + length - 1) / region_page_size;
+    // The page size is a power of two: a shift, not a division, on this path.
+    int shift = std::countr_zero(region_page_size);
+    uint64_t first = offset >> shift;
+    uint64_t last = (static_cast<uint64_t>(offset) + length - 1) >> shift;
     _LumLogBufferAppend(region, LOG_DATA, offset, length);
     // The maps cover the reservation; a range beyond it has no pages to mark.
     last = std::min<uint64_t>(last, static_cast<uint64_t>(region->dirty_map[0]->page_count) - 1);
