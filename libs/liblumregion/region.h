@@ -70,13 +70,13 @@ struct LumRegion {
     std::atomic<uint32_t> log_failed;
     int32_t sync_failed;          // the last sync failed: working files stay at close
     int32_t last_checkpoint_time; // timestamp of the newest chk header this handle wrote
-    BinSummary bin_summary[kBinSummarySlots]; // owned by freelist.cc
     std::atomic<uint32_t> checkpoint_state;
     int chk_fd[2];          // "_0.chk", "_1.chk"; -1 for none
     int log_fd[2];          // "_0.log", "_1.log"; -1 for none
     uint32_t ref_count;     // guarded by handle_mutex
     int32_t drop_requested; // the .tab file goes too at the last reference
     LumMutex *handle_mutex; // "RegionHandle": guards ref_count
+    BinSummary bin_summary[kBinSummarySlots]; // owned by freelist.cc
 };
 
 // The volatile handle of a segment: its region and its primary extent. The
