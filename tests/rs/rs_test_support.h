@@ -1,12 +1,11 @@
-// Helpers of the runtime-layer tests: a temporary directory per test, scoped
-// environment variables, a log capture through the sink, and a guard for the
-// lum_malloc failure countdown.
+// Helpers of the runtime-layer tests: a temporary directory, scoped
+// environment variables, a log capture, a lum_malloc failure, LumValues.
 #pragma once
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,19 +16,16 @@ namespace rs_test {
 
 class TempDir {
   public:
-    TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "lum_rs_XXXXXX").string();
-        if (!mkdtemp(pattern.data()))
+    TempDir() : path_((std::filesystem::temp_directory_path() / "lum_rs_XXXXXX").string()) {
+        if (!mkdtemp(path_.data()))
             std::abort();
-        path_ = pattern;
     }
     ~TempDir() { std::filesystem::remove_all(path_); }
 
     const std::string &path() const { return path_; }
-    std::string file(const std::string &name) const { return path_ + "/" + name; }
     std::string write(const std::string &name, const std::string &content) const {
-        std::ofstream(file(name)) << content;
-        return file(name);
+        std::ofstream(path_ + "/" + name) << content;
+        return path_ + "/" + name;
     }
 
   private:
@@ -57,32 +53,17 @@ class ScopedEnv {
     std::optional<std::string> old_;
 };
 
-struct LogRecord {
-    int32_t severity;
-    uint32_t set;
-    uint32_t id;
-    std::string text;
-};
-
-// Installs a sink that keeps the records, and restores the default log.
-class LogCapture {
-  public:
+// Installs a sink that keeps each record of the calling thread as
+// "<severity> <set>/<id> <text>", and restores the default log.
+struct LogCapture {
     LogCapture() { LumLogSetSink(&LogCapture::keep, this); }
     ~LogCapture() { LumLogSetSink(nullptr, nullptr); }
-
-    std::vector<LogRecord> records() const {
-        std::lock_guard guard(mutex_);
-        return records_;
-    }
-
-  private:
     static void keep(void *context, int32_t severity, uint32_t set, uint32_t id, const char *text) {
-        auto *capture = static_cast<LogCapture *>(context);
-        std::lock_guard guard(capture->mutex_);
-        capture->records_.push_back({severity, set, id, text});
+        static_cast<LogCapture *>(context)->records.push_back(std::to_string(severity) + " " +
+                                                              std::to_string(set) + "/" +
+                                                              std::to_string(id) + " " + text);
     }
-    mutable std::mutex mutex_;
-    std::vector<LogRecord> records_;
+    std::vector<std::string> records;
 };
 
 // Schedules a lum_malloc failure and cancels it at the end of the scope.
@@ -96,12 +77,15 @@ class MallocFailure {
 inline LumCatalog *open_catalog(const TempDir &dir, const char *name, const std::string &content) {
     dir.write(std::string(name) + ".cat", content);
     ScopedEnv path("LUM_CATALOG_PATH", dir.path());
-    LumLocale *locale = nullptr;
     LumCatalog *catalog = nullptr;
-    if (LumI18nLocaleCreate(0, 0, 0, 0, &locale) != 0 ||
-        LumI18nCatalogOpen(locale, name, &catalog) != 0)
-        return nullptr;
-    return catalog;
+    return LumI18nCatalogOpen(nullptr, name, &catalog) == 0 ? catalog : nullptr;
+}
+
+inline LumValue boolean_value(int32_t value) {
+    return LumValue{LUM_VALUE_BOOLEAN, 0, {.boolean = value}};
+}
+inline LumValue string_value(const char *text) {
+    return LumValue{LUM_VALUE_STRING, 0, {.string = {text, uint32_t(std::strlen(text))}}};
 }
 
 } // namespace rs_test
