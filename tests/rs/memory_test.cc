@@ -85,7 +85,6 @@ TEST(RsArgumentsTest, ReservedOrMissingArgumentsAreRefused) {
     EXPECT_EQ(LumThreadSpawn("t", idle_thread, 0, 1, &thread), EINVAL);
     EXPECT_EQ(LumMutexLock(nullptr), EINVAL);
     EXPECT_EQ(LumEventSignal(nullptr), EINVAL);
-    EXPECT_EQ(LumThreadShouldContinue(0), 0);
 }
 
 } // namespace

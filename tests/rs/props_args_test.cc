@@ -68,7 +68,7 @@ TEST_F(RsPropertiesTest, DefineGetSetAndGroupKeepTypedCopies) {
 
 TEST_F(RsPropertiesTest, FileLoadingAppliesGoodLinesAndReportsTheBadOnes) {
     TempDir dir;
-    const std::string path = dir.write("store.properties", "# settings\n"
+    const std::string path = dir.write("store.properties", "  # settings\n"
                                                            "  Store.Mode =  careful  # comment\n"
                                                            "no equals sign\n"
                                                            "Store.Unknown=1\n"
