@@ -281,7 +281,8 @@ LUMREGION_API int32_t LumSegmentCreate(LumRegion *region, uint32_t primary_size,
 LUMREGION_API int32_t LumSegmentDrop(LumSegment *segment);
 
 /** A new handle of the segment with id @p segment_id.
- *  @return 0; -22 for an id that is 128 or more or names no segment; 12;
+ *  @return 0; -22 for an id that is 128 or more or names no segment (also
+ *  when the map's entry names no page of the image); 12;
  *  -19 for a null argument. *segment is untouched on failure. */
 LUMREGION_API int32_t LumSegmentOpen(LumRegion *region, uint32_t segment_id, LumSegment **segment);
 

@@ -143,8 +143,10 @@ int32_t LumSegmentOpen(LumRegion *region, uint32_t segment_id, LumSegment **out)
         return LUM_RC_FAILURE;
     if (segment_id >= region_header::kSegmentSlots)
         return LUM_RC_BAD_SEGMENT_ID;
+    // An entry that names no page of the image (a damaged map) opens nothing.
     RegionOffset primary = ImageLoad32(SegmentMapEntry(region, segment_id));
-    if (primary == 0)
+    if (primary == 0 || primary % region_page_size != 0 ||
+        uint64_t{primary} + region_page_size > region->used)
         return LUM_RC_BAD_SEGMENT_ID;
     LumSegment *segment = NewHandle(region, region->base + primary);
     if (segment == nullptr)

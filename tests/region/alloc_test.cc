@@ -203,6 +203,10 @@ TEST_F(AllocTest, SegmentIdsAreReusedLowestFirst) {
     LumSegment *opened = reinterpret_cast<LumSegment *>(1);
     EXPECT_EQ(LumSegmentOpen(region_, 5, &opened), LUM_RC_BAD_SEGMENT_ID);
     EXPECT_EQ(LumSegmentOpen(region_, 128, &opened), LUM_RC_BAD_SEGMENT_ID);
+    uint8_t *entry = region_->base + region_header::kSegmentMap + 4 * 5;
+    ImageStore32(entry, 0xFFFFF000); // a damaged map entry beyond the image
+    EXPECT_EQ(LumSegmentOpen(region_, 5, &opened), LUM_RC_BAD_SEGMENT_ID);
+    ImageStore32(entry, 0);
     EXPECT_EQ(opened, reinterpret_cast<LumSegment *>(1));
     EXPECT_EQ(InfoOf(Segment(4096)).segment_id, 5u);
     ASSERT_EQ(LumSegmentOpen(region_, 6, &opened), 0);
