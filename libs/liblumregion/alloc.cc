@@ -25,7 +25,7 @@ uint32_t ChunkSizeFor(uint32_t size) {
 
 } // namespace
 
-int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer) {
+LUM_HOT_PATH int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer) {
     if (segment == nullptr || pointer == nullptr)
         return LUM_RC_FAILURE;
     *pointer = nullptr;

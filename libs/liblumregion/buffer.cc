@@ -36,17 +36,10 @@ bool IsLogging(const LumRegion *region) {
     return IsPersistent(region) && region->online.load(std::memory_order_relaxed) != 0;
 }
 
-void Store(LogBuffer *buffer, uint32_t type, uint32_t value, uint32_t length) {
-    uint8_t *head = buffer->data + buffer->used;
-    ImageStore32(head + log_record::kType, type);
-    ImageStore32(head + log_record::kLength, length);
-    ImageStore32(head + log_record::kValue, value);
-}
-
 // Opens an empty buffer with the image's size, so that the log file these
 // records reach starts with a LOG_SIZE whatever comes first.
 void OpenWithSize(LumRegion *region) {
-    Store(region->log_buffer, LOG_SIZE, region->used, 0);
+    log_record::StoreHead(region->log_buffer->data, LOG_SIZE, region->used, 0);
     region->log_buffer->used = log_record::kHeadSize;
 }
 
@@ -107,7 +100,7 @@ void AppendRecord(LumRegion *region, uint32_t type, uint32_t value, uint32_t len
         if (type != LOG_SIZE)
             OpenWithSize(region);
     }
-    Store(buffer, type, value, length);
+    log_record::StoreHead(buffer->data + buffer->used, type, value, length);
     if (type == LOG_DATA)
         memcpy(buffer->data + buffer->used + log_record::kHeadSize, region->base + value, length);
     buffer->used += size;

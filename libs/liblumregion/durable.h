@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 
 #include "layout.h"
 #include "region.h"
@@ -56,6 +57,11 @@ constexpr uint32_t Size(uint32_t type, uint32_t length) {
 }
 static_assert(Size(LOG_DATA, 5) == 20);
 static_assert(Size(LOG_COMMIT, 0) == 12);
+inline void StoreHead(uint8_t *head, uint32_t type, uint32_t value, uint32_t length) {
+    ImageStore32(head + kType, type);
+    ImageStore32(head + kLength, length);
+    ImageStore32(head + kValue, value);
+}
 } // namespace log_record
 
 // The records of a persistent region waiting for the next flush, in the
@@ -71,7 +77,8 @@ struct LogBuffer {
 // the chk file of the map's parity. Allocated as one block: page_count,
 // then the bit words (page i is bit i % 32 of word i / 32), rounded up to
 // whole words. The writer sets bits while the checkpoint thread clears
-// them, so every bit operation is an atomic read-modify-write.
+// them, so every bit is read and changed atomically (see pagetable.cc).
+inline constexpr uint32_t kPagesPerMapWord = 32;
 struct DirtyMap {
     int32_t page_count;
     uint32_t *Words() { return reinterpret_cast<uint32_t *>(this + 1); }
@@ -114,7 +121,8 @@ void _LumLogBufferDestroy(LogBuffer *buffer);
 // Appends a record to the region's log buffer; for LOG_DATA the payload is
 // copied from the image at base + value, as it stands now. Does nothing for
 // a volatile or offline region. Failure is a state: see log_failed.
-void _LumLogBufferAppend(LumRegion *region, uint32_t type, uint32_t value, uint32_t length);
+LUM_SLOW_PATH void _LumLogBufferAppend(LumRegion *region, uint32_t type, uint32_t value,
+                                       uint32_t length);
 
 // Writes the buffer to the log of the current generation's parity,
 // restarting that log first when the generation has moved since the last
@@ -131,12 +139,13 @@ DirtyMap *_LumDirtyMapAlloc(int32_t page_count);
 void _LumDirtyMapFill(LumRegion *region, int32_t index, int32_t set);
 int32_t _LumDirtyMapTest(DirtyMap *map, uint32_t page);
 void _LumDirtyMapSet(DirtyMap *map, uint32_t page);
-void _LumDirtyMapClear(DirtyMap *map, uint32_t page);
+// Clears the bits of `bits` in word `word` (pages 32 word to 32 word + 31)
+// and returns those of them that were set: the checkpoint's take.
+uint32_t _LumDirtyMapTake(DirtyMap *map, uint32_t word, uint32_t bits);
 
-// Announces a change of [address, address + length), made already: logs the
-// bytes as they now stand, then marks their pages in both maps (image,
-// record, bits). Does nothing for a volatile region or a length of 0.
-void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length);
+// Marks the pages of image bytes [offset, offset + length) in both maps,
+// clamped to the reservation. length > 0.
+LUM_SLOW_PATH void _LumDirtyMapMarkRange(LumRegion *region, uint32_t offset, uint32_t length);
 
 // checkpoint.cc -------------------------------------------------------------
 
@@ -158,5 +167,76 @@ int32_t _LumPathStrip(const char *path, char **stripped);
 // -412 when `path` (stripped already) names the home directory, compared
 // without regard to case; 0 otherwise; or the code of _LumPathStrip.
 int32_t _LumPathCheckHome(const char *home, const char *path);
+
+// The hot path of every logged write, inline in each writer. ---------------
+
+// Copies a record's payload. Short payloads, the allocator's links, tags
+// and counters, are copied with two overlapping loads and stores, exactly
+// `length` bytes, without a call.
+inline void CopyPayload(uint8_t *to, const uint8_t *from, uint32_t length) {
+    if (length >= 8 && length <= 16) {
+        uint64_t head, tail;
+        memcpy(&head, from, 8);
+        memcpy(&tail, from + length - 8, 8);
+        memcpy(to, &head, 8);
+        memcpy(to + length - 8, &tail, 8);
+    } else if (length >= 4 && length < 8) {
+        uint32_t head = ImageLoad32(from), tail = ImageLoad32(from + length - 4);
+        ImageStore32(to, head);
+        ImageStore32(to + length - 4, tail);
+    } else {
+        memcpy(to, from, length);
+    }
+}
+
+// Appends a LOG_DATA record of image bytes [offset, offset + length). The
+// common case, a record that fits behind the records already in the buffer
+// of a logging region, is stored here; every other case (an empty, full or
+// failed buffer, a payload that must be split, an offline region) goes to
+// _LumLogBufferAppend. A non-empty buffer opens with a LOG_SIZE, so what
+// fits here also fits an empty buffer behind it.
+inline void LogBufferAppendData(LumRegion *region, uint32_t offset, uint32_t length) {
+    LogBuffer *buffer = region->log_buffer;
+    if (length > log_record::kMaxPayload || buffer->used == 0 ||
+        buffer->capacity - buffer->used < log_record::Size(LOG_DATA, length) ||
+        region->online.load(std::memory_order_relaxed) == 0 ||
+        region->log_failed.load(std::memory_order_relaxed) != 0) {
+        _LumLogBufferAppend(region, LOG_DATA, offset, length);
+        return;
+    }
+    uint8_t *head = buffer->data + buffer->used;
+    log_record::StoreHead(head, LOG_DATA, offset, length);
+    CopyPayload(head + log_record::kHeadSize, region->base + offset, length);
+    buffer->used += log_record::Size(LOG_DATA, length);
+}
+
+// The writer's mark of one page; see pagetable.cc for why a set bit may be
+// trusted without the atomic set. The signal fence keeps the compiler from
+// moving the caller's stores below the test.
+inline void DirtyMapMark(DirtyMap *map, uint32_t page) {
+    std::atomic_ref<uint32_t> word(map->Words()[page / kPagesPerMapWord]);
+    uint32_t bit = 1u << (page % kPagesPerMapWord);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (region_write_barrier == 0 || (word.load(std::memory_order_relaxed) & bit) == 0)
+        word.fetch_or(bit, std::memory_order_release);
+}
+
+// Announces a change of [address, address + length), made already: logs the
+// bytes as they now stand, then marks their pages in both maps (image,
+// record, bits). Does nothing for a volatile region or a length of 0.
+inline void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length) {
+    if (!IsPersistent(region) || length == 0)
+        return;
+    uint32_t offset = ImageOffsetOf(region, static_cast<uint8_t *>(address));
+    LogBufferAppendData(region, offset, length);
+    uint32_t page = offset >> region_page_shift;
+    bool one_page = length <= region_page_size - (offset & (region_page_size - 1));
+    if (one_page && page < static_cast<uint32_t>(region->dirty_map[0]->page_count)) {
+        DirtyMapMark(region->dirty_map[0], page);
+        DirtyMapMark(region->dirty_map[1], page);
+    } else {
+        _LumDirtyMapMarkRange(region, offset, length);
+    }
+}
 
 } // extern "C"

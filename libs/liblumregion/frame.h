@@ -15,6 +15,14 @@
 #include "lum_rs.h"
 #include "lumregion.h"
 
+// Marks the slow side of a hot path: never inlined into the writer's code,
+// kept apart from it, and its calls taken as unlikely.
+#define LUM_SLOW_PATH __attribute__((noinline, cold))
+// Compiles a hot entry point as one body: every call inside it whose code
+// the compiler sees is inlined, down to the bins, the log buffer and the
+// dirty maps, so that no call overhead sits between its many small writes.
+#define LUM_HOT_PATH __attribute__((flatten))
+
 // The path separator of this system, used wherever a directory must end in one.
 inline constexpr char kPathSeparator = '/';
 
@@ -37,7 +45,11 @@ extern LumCatalog *region_catalog;
 extern int32_t region_debug;
 extern int32_t region_mutation_debug;
 extern uint32_t region_page_size;
+extern uint32_t region_page_shift; // log2 of region_page_size, a power of two
 extern int32_t region_protect_all;
+// 1 when lum_platform.flush_write_buffers worked at start-up: a writer then
+// tests a dirty bit before it pays for setting it (pagetable.cc).
+extern int32_t region_write_barrier;
 extern int32_t region_mutation_check;
 extern int32_t region_verify_on_recovery;
 extern LumRegion *region_registry[kRegistrySlots];

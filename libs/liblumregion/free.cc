@@ -31,7 +31,7 @@ void RegionChunkRelease(LumRegion *region, uint8_t *bins, uint8_t *chunk, uint32
     _LumImageMarkDirty(region, chunk + size - 4, 4);
 }
 
-int32_t LumMemFree(LumSegment *segment, void *pointer) {
+LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
     if (segment == nullptr || pointer == nullptr || reinterpret_cast<uintptr_t>(pointer) % 8 != 0)
         return LUM_RC_FAILURE;
     LumRegion *region = segment->region;

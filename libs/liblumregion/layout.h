@@ -142,10 +142,10 @@ void _LumFreeListRemove(LumRegion *region, uint8_t *item);
 // and the extent stays writable. `stats` is the caller's copy. 0, -407 at
 // the maximum, -403 for a size beyond the region, or the code of
 // _LumExtentAlloc.
-int32_t _LumSegmentExtend(LumSegment *segment, uint32_t chunk_size, SegmentStats *stats,
-                          uint8_t **chunk);
+LUM_SLOW_PATH int32_t _LumSegmentExtend(LumSegment *segment, uint32_t chunk_size,
+                                        SegmentStats *stats, uint8_t **chunk);
 // Takes a wholly free secondary extent out of the chain and frees it.
-int32_t _LumSegmentShrink(LumSegment *segment, SegmentStats *stats, uint8_t *extent);
+LUM_SLOW_PATH int32_t _LumSegmentShrink(LumSegment *segment, SegmentStats *stats, uint8_t *extent);
 
 // free.cc --------------------------------------------------------------------
 

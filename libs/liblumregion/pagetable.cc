@@ -1,33 +1,38 @@
 // Dirty page tracking: two maps of the pages that may differ from the chk
-// file of each parity, and _LumImageMarkDirty, the one place where a change
-// of the image is announced.
+// file of each parity. _LumImageMarkDirty (inline, in durable.h) is the one
+// place where a change of the image is announced; it marks through here.
 //
 // Every change sets its pages in both maps; a checkpoint clears bits only in
-// the map of the file it writes, each bit before it reads the page. The
-// writer sets with release order, after its store and its record, and the
-// checkpoint clears with acquire order, so a page read after a clear holds
-// every change whose mark the clear took away; a later change marks again.
+// the map of the file it writes, and clears them before it reads the pages.
+//
+// The writer's mark is the hot path of every logged write, so it tests the
+// bit with a plain load and pays for the atomic set only when the bit is
+// clear. A test can be stale: the writer's store may still sit in its store
+// buffer when the checkpoint clears the bit and reads the page, and then
+// neither the mark nor the page would carry the change. The checkpoint
+// closes that gap: between taking a window of marks and reading its pages
+// it calls lum_platform.flush_write_buffers, which drains every thread's
+// stores. A writer whose test came before the clear has its store in
+// memory by then; a writer whose test came after finds the bit clear and
+// sets it. Without that barrier (region_write_barrier 0) every mark sets.
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <cstring>
 
 #include "durable.h"
 
 namespace {
 
-constexpr uint32_t kBitsPerWord = 32;
-
 uint32_t WordCount(int32_t page_count) {
-    return (static_cast<uint32_t>(page_count) + kBitsPerWord - 1) / kBitsPerWord;
+    return (static_cast<uint32_t>(page_count) + kPagesPerMapWord - 1) / kPagesPerMapWord;
 }
 
 std::atomic_ref<uint32_t> WordOf(DirtyMap *map, uint32_t page) {
-    return std::atomic_ref<uint32_t>(map->Words()[page / kBitsPerWord]);
+    return std::atomic_ref<uint32_t>(map->Words()[page / kPagesPerMapWord]);
 }
 
 uint32_t BitOf(uint32_t page) {
-    return 1u << (page % kBitsPerWord);
+    return 1u << (page % kPagesPerMapWord);
 }
 
 } // namespace
@@ -63,23 +68,18 @@ void _LumDirtyMapSet(DirtyMap *map, uint32_t page) {
     WordOf(map, page).fetch_or(BitOf(page), std::memory_order_release);
 }
 
-void _LumDirtyMapClear(DirtyMap *map, uint32_t page) {
-    WordOf(map, page).fetch_and(~BitOf(page), std::memory_order_acq_rel);
+uint32_t _LumDirtyMapTake(DirtyMap *map, uint32_t word, uint32_t bits) {
+    std::atomic_ref<uint32_t> marks(map->Words()[word]);
+    return marks.fetch_and(~bits, std::memory_order_acq_rel) & bits;
 }
 
-void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length) {
-    if (!IsPersistent(region) || length == 0)
-        return;
-    uint32_t offset = ImageOffsetOf(region, static_cast<uint8_t *>(address));
-    // The page size is a power of two: a shift, not a division, on this path.
-    int shift = std::countr_zero(region_page_size);
-    uint64_t first = offset >> shift;
-    uint64_t last = (static_cast<uint64_t>(offset) + length - 1) >> shift;
-    _LumLogBufferAppend(region, LOG_DATA, offset, length);
+void _LumDirtyMapMarkRange(LumRegion *region, uint32_t offset, uint32_t length) {
+    uint64_t first = offset >> region_page_shift;
+    uint64_t last = (static_cast<uint64_t>(offset) + length - 1) >> region_page_shift;
     // The maps cover the reservation; a range beyond it has no pages to mark.
     last = std::min<uint64_t>(last, static_cast<uint64_t>(region->dirty_map[0]->page_count) - 1);
     for (uint64_t page = first; page <= last; ++page) {
-        _LumDirtyMapSet(region->dirty_map[0], static_cast<uint32_t>(page));
-        _LumDirtyMapSet(region->dirty_map[1], static_cast<uint32_t>(page));
+        DirtyMapMark(region->dirty_map[0], static_cast<uint32_t>(page));
+        DirtyMapMark(region->dirty_map[1], static_cast<uint32_t>(page));
     }
 }

@@ -8,24 +8,10 @@
 #include "platform.h"
 #include "region.h"
 
-namespace {
-
-void SetPageAccess(LumRegion *region, void *address, uint32_t length, int writable) {
-    if (region->protect == 0 && region_protect_all == 0)
-        return;
+void _LumPageAccessSet(void *address, uint32_t length, int32_t writable) {
     uintptr_t page_mask = region_page_size - 1;
     uintptr_t start = reinterpret_cast<uintptr_t>(address) & ~page_mask;
     uintptr_t offset = reinterpret_cast<uintptr_t>(address) - start;
     size_t span = (offset + length + page_mask) & ~page_mask;
     lum_platform.protect(reinterpret_cast<void *>(start), span, writable);
-}
-
-} // namespace
-
-void _LumPageUnprotect(LumRegion *region, void *address, uint32_t length) {
-    SetPageAccess(region, address, length, 1);
-}
-
-void _LumPageProtect(LumRegion *region, void *address, uint32_t length) {
-    SetPageAccess(region, address, length, 0);
 }

@@ -15,6 +15,7 @@ const LumPlatform lum_platform_system = {
     .release = VmRelease,
     .protect = VmProtect,
     .page_size = VmPageSize,
+    .flush_write_buffers = VmFlushWriteBuffers,
     .open = FileOpen,
     .close = ::close,
     .read = FileRead,

@@ -13,6 +13,11 @@
 //             addresses stay reserved.
 //   release   gives a whole reservation back.
 //   protect   sets whole pages read-only (writable == 0) or read-write.
+//   flush_write_buffers
+//             makes every store that any thread of the process has made
+//             before the call visible to the caller, by having each of
+//             them pass a full memory barrier. 0 or an errno value; a
+//             system without it fails every call.
 // The file entries follow their POSIX namesakes: -1 and errno on failure.
 // The transfers move the whole count unless the file ends (reads) or an
 // error stops them, so callers never see a short count that a retry would
@@ -32,6 +37,7 @@ struct LumPlatform {
     int (*release)(void *address, size_t length);
     int (*protect)(void *address, size_t length, int writable);
     uint32_t (*page_size)();
+    int (*flush_write_buffers)();
 
     // Files, with the effect of the host runtime's calls of the same role.
     int (*open)(const char *path, int flags, mode_t mode);
@@ -64,6 +70,7 @@ int VmDecommit(void *address, size_t length);
 int VmRelease(void *address, size_t length);
 int VmProtect(void *address, size_t length, int writable);
 uint32_t VmPageSize();
+int VmFlushWriteBuffers();
 int FileOpen(const char *path, int flags, mode_t mode);
 ssize_t FileRead(int fd, void *buffer, size_t count);
 ssize_t FileWrite(int fd, const void *buffer, size_t count);

@@ -5,8 +5,15 @@
 // maps fresh PROT_NONE pages over the range, which drops the old contents
 // for good (an access faults, a write(2) from there fails with EFAULT) and
 // makes a later commit of the same range read as zero.
+//
+// The process-wide write barrier is membarrier(2) in its expedited private
+// form: the kernel interrupts every CPU that runs a thread of this process,
+// and the interrupt is a full barrier there. The process registers for it
+// once, at the first call.
 #include <cerrno>
+#include <linux/membarrier.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "platform.h"
@@ -40,6 +47,14 @@ int VmProtect(void *address, size_t length, int writable) {
 
 uint32_t VmPageSize() {
     return static_cast<uint32_t>(getpagesize());
+}
+
+int VmFlushWriteBuffers() {
+    static const int registered =
+        syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0 ? 0 : errno;
+    if (registered != 0)
+        return registered;
+    return syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0 ? 0 : errno;
 }
 
 } // namespace lum_system

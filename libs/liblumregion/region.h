@@ -71,11 +71,11 @@ struct LumRegion {
     int32_t sync_failed;          // the last sync failed: working files stay at close
     int32_t last_checkpoint_time; // timestamp of the newest chk header this handle wrote
     std::atomic<uint32_t> checkpoint_state;
-    int chk_fd[2];          // "_0.chk", "_1.chk"; -1 for none
-    int log_fd[2];          // "_0.log", "_1.log"; -1 for none
-    uint32_t ref_count;     // guarded by handle_mutex
-    int32_t drop_requested; // the .tab file goes too at the last reference
-    LumMutex *handle_mutex; // "RegionHandle": guards ref_count
+    int chk_fd[2];                            // "_0.chk", "_1.chk"; -1 for none
+    int log_fd[2];                            // "_0.log", "_1.log"; -1 for none
+    uint32_t ref_count;                       // guarded by handle_mutex
+    int32_t drop_requested;                   // the .tab file goes too at the last reference
+    LumMutex *handle_mutex;                   // "RegionHandle": guards ref_count
     BinSummary bin_summary[kBinSummarySlots]; // owned by freelist.cc
 };
 
@@ -113,11 +113,25 @@ int32_t _LumImageSetSize(LumRegion *region, uint32_t size);
 
 // perms.cc --------------------------------------------------------------
 
+// Makes every page that [address, address + length) touches writable
+// (writable != 0) or read-only. Called only for a region that protects.
+LUM_SLOW_PATH void _LumPageAccessSet(void *address, uint32_t length, int32_t writable);
+
 // Make every page that [address, address + length) touches writable or
 // read-only, when the region or Region.ProtectAll asks for protection. The
-// calls do not nest.
-void _LumPageUnprotect(LumRegion *region, void *address, uint32_t length);
-void _LumPageProtect(LumRegion *region, void *address, uint32_t length);
+// calls do not nest. Inline: every write of the allocator passes here, and
+// most regions do not protect.
+inline bool ProtectsPages(const LumRegion *region) {
+    return (region->protect | region_protect_all) != 0;
+}
+inline void _LumPageUnprotect(LumRegion *region, void *address, uint32_t length) {
+    if (ProtectsPages(region))
+        _LumPageAccessSet(address, length, 1);
+}
+inline void _LumPageProtect(LumRegion *region, void *address, uint32_t length) {
+    if (ProtectsPages(region))
+        _LumPageAccessSet(address, length, 0);
+}
 
 // new.cc ----------------------------------------------------------------
 
@@ -163,7 +177,7 @@ void _LumMemWriteWord(LumSegment *segment, void *target, uint32_t value);
 
 // Classifies the target of a logged write against the chunks of its segment
 // and reports a bad one; called only with Region.MutationCheck on.
-void _LumMutationCheck(LumSegment *segment, void *target, uint32_t length);
+LUM_SLOW_PATH void _LumMutationCheck(LumSegment *segment, void *target, uint32_t length);
 
 // checkpoint.cc ---------------------------------------------------------
 

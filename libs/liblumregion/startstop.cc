@@ -6,6 +6,7 @@
 // start leaves the library loaded and may be retried; the runtime objects
 // made before the failing step stay behind, as the steps below say. A start
 // after a success or after a stop returns 0 and does nothing.
+#include <bit>
 #include <cstring>
 
 #include "frame.h"
@@ -15,7 +16,9 @@
 int32_t region_started;
 LumCatalog *region_catalog;
 uint32_t region_page_size;
+uint32_t region_page_shift;
 int32_t region_protect_all;
+int32_t region_write_barrier;
 int32_t region_mutation_check;
 int32_t region_verify_on_recovery;
 LumRegion *region_registry[kRegistrySlots];
@@ -97,6 +100,8 @@ int32_t LumRegionStartup(LumPropMgr *properties, const char *home) {
     if (int32_t rc = LumRCRegister(region_catalog, 22, kResultCodes); rc != 0)
         return rc;
     region_page_size = lum_platform.page_size();
+    region_page_shift = static_cast<uint32_t>(std::countr_zero(region_page_size));
+    region_write_barrier = lum_platform.flush_write_buffers() == 0 ? 1 : 0;
     RegionReadProperties(properties);
     for (LumRegion *&slot : region_registry)
         slot = nullptr;

@@ -3,6 +3,7 @@
 // follows, offline and online, and a writer that commits while checkpoints
 // run, whose files must replay to its image.
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <random>
@@ -291,6 +292,94 @@ TEST_F(CheckpointTest, FailedPageIsMarkedAgainAndReported) {
     EXPECT_FALSE(_LumDirtyMapTest(region_->dirty_map[0], 0)) << "written by the retry";
     EXPECT_TRUE(_LumDirtyMapTest(region_->dirty_map[0], 1));
     EXPECT_TRUE(_LumDirtyMapTest(region_->dirty_map[0], 2)) << "not reached";
+}
+
+// The checkpoint's write barrier: called once per window of pages that
+// holds marks, before any of them is read; a failure keeps every mark.
+class WriteBarrier {
+  public:
+    explicit WriteBarrier(int result) : saved_(region_write_barrier) {
+        result_ = result;
+        calls_ = 0;
+        region_write_barrier = 1;
+        lum_platform.flush_write_buffers = [] {
+            ++calls_;
+            return result_;
+        };
+    }
+    ~WriteBarrier() { region_write_barrier = saved_; }
+    int calls() const { return calls_; }
+
+  private:
+    static inline int result_, calls_;
+    int32_t saved_;
+    lumtest::PlatformGuard guard_;
+};
+
+TEST_F(CheckpointTest, FailedWriteBarrierKeepsEveryMarkAndIsReported) {
+    LogCapture log;
+    LumDebugFacilitySet("region", 1);
+    {
+        WriteBarrier barrier(EPERM);
+        EXPECT_EQ(Checkpoint(region_), LUM_RC_FAILURE);
+        EXPECT_EQ(barrier.calls(), 1);
+    }
+    LumDebugFacilitySet("region", 0);
+    auto reports = log.Find(2, 30);
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0].text, "_LumRegionCheckpoint(): write barrier failed: Operation not "
+                               "permitted");
+    EXPECT_EQ(Read("p_0.chk").size(), file_header::kSize) << "no page was read";
+    for (uint32_t page = 0; page < 4; ++page)
+        EXPECT_TRUE(_LumDirtyMapTest(region_->dirty_map[0], page)) << page;
+    ASSERT_EQ(Checkpoint(region_), 0);
+    EXPECT_EQ(Read("p_0.chk").size(), 4 * Page());
+}
+
+TEST_F(CheckpointTest, WithoutABarrierEveryMarkSetsAndNoneIsAsked) {
+    WriteBarrier barrier(ENOSYS);
+    region_write_barrier = 0;
+    ASSERT_EQ(Checkpoint(region_), 0);
+    EXPECT_EQ(barrier.calls(), 0);
+    Write(1, 5);
+    EXPECT_TRUE(_LumDirtyMapTest(region_->dirty_map[0], 1));
+    EXPECT_TRUE(_LumDirtyMapTest(region_->dirty_map[1], 1));
+}
+
+TEST_F(CheckpointTest, MarksAreTakenWindowByWindowAndOnlyMarkedPagesWritten) {
+    // Windows of 2048 pages: marks in the first, on both sides of the first
+    // seam, none in the third, and at the image's last page in the fourth.
+    constexpr uint32_t kPages = 3 * 2048 + 5;
+    ASSERT_EQ(LumRegionDrop(region_), 0); // the fixture's region is too small
+    region_ = CreatePersistent("p", 64 * kMiB, 64 * kMiB);
+    ASSERT_NE(region_, nullptr);
+    ASSERT_EQ(_LumImageSetSize(region_, kPages * Page()), 0);
+    ASSERT_EQ(Checkpoint(region_), 0); // writes the whole new image once
+    LumRegionCommit(region_);
+    ASSERT_EQ(Checkpoint(region_), 0);
+    LumRegionCommit(region_);
+    const uint32_t marked[] = {3, 2047, 2048, 2049, kPages - 1};
+    for (uint32_t page : marked)
+        Change(region_, page * Page() + 8, 4, static_cast<uint8_t>(page));
+
+    static std::vector<off_t> written;
+    written.clear();
+    {
+        WriteBarrier barrier(0);
+        lum_platform.pwrite = [](int fd, const void *buffer, size_t count, off_t offset) {
+            if (count != file_header::kSize)
+                written.push_back(offset / static_cast<off_t>(region_page_size));
+            return lum_platform_system.pwrite(fd, buffer, count, offset);
+        };
+        ASSERT_EQ(Checkpoint(region_), 0);
+        EXPECT_EQ(barrier.calls(), 3) << "no barrier for a window without marks";
+    }
+    EXPECT_EQ(written, std::vector<off_t>(std::begin(marked), std::end(marked)));
+    for (uint32_t page : marked)
+        EXPECT_FALSE(_LumDirtyMapTest(region_->dirty_map[0], page)) << page;
+    auto chk = Read("p_0.chk");
+    ASSERT_EQ(chk.size(), kPages * Page());
+    EXPECT_EQ(chk[2049 * Page() + 8], static_cast<uint8_t>(2049));
 }
 
 TEST_F(CheckpointTest, FailedTruncateFailsTheCheckpoint) {

@@ -170,17 +170,18 @@ TEST_F(PersistentTest, MarksSetOneBitPerPageTouchedInBothMaps) {
     EXPECT_EQ(LumRegionClose(region), 0);
 }
 
-TEST(DirtyMap, FillCoversTheRoundedBitsAndTestGivesOneOrZero) {
+TEST(DirtyMap, TestGivesOneOrZeroAndTakeClearsOnlyTheAskedBits) {
     DirtyMap *map = _LumDirtyMapAlloc(33);
     ASSERT_NE(map, nullptr);
     EXPECT_EQ(map->page_count, 33);
     EXPECT_EQ(map->Words()[0], 0u);
     EXPECT_EQ(map->Words()[1], 0u);
     _LumDirtyMapSet(map, 31);
+    _LumDirtyMapSet(map, 5);
     EXPECT_EQ(_LumDirtyMapTest(map, 31), 1);
     EXPECT_EQ(_LumDirtyMapTest(map, 30), 0);
-    _LumDirtyMapClear(map, 31);
-    EXPECT_EQ(map->Words()[0], 0u);
+    EXPECT_EQ(_LumDirtyMapTake(map, 0, 0x80000001u), 0x80000000u);
+    EXPECT_EQ(map->Words()[0], 1u << 5);
     EXPECT_EQ(_LumDirtyMapAlloc(0), nullptr);
     lum_free(map);
 }

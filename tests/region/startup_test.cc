@@ -2,6 +2,7 @@
 // test does its work in a forked child and reports through its exit code
 // (0 for success, the failing check's line otherwise).
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -117,6 +118,21 @@ TEST(Startup, RegionsNeedAStartedLibrary) {
         CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
         CHILD_CHECK(CreateVolatile(&region) == 0);
         CHILD_CHECK(LumRegionClose(region) == 0);
+        return 0;
+    });
+}
+
+TEST(Startup, WriteBarrierIsProbedOnceAtStart) {
+    ExpectChildPasses([] {
+        lum_platform.flush_write_buffers = [] { return ENOSYS; };
+        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
+        CHILD_CHECK(region_write_barrier == 0); // every mark then sets its bit
+        return 0;
+    });
+    ExpectChildPasses([] {
+        lum_platform.flush_write_buffers = [] { return 0; };
+        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
+        CHILD_CHECK(region_write_barrier == 1);
         return 0;
     });
 }
