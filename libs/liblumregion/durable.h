@@ -210,15 +210,20 @@ inline void LogBufferAppendData(LumRegion *region, uint32_t offset, uint32_t len
     buffer->used += log_record::Size(LOG_DATA, length);
 }
 
-// The writer's mark of one page; see pagetable.cc for why a set bit may be
-// trusted without the atomic set. The signal fence keeps the compiler from
-// moving the caller's stores below the test.
-inline void DirtyMapMark(DirtyMap *map, uint32_t page) {
-    std::atomic_ref<uint32_t> word(map->Words()[page / kPagesPerMapWord]);
+// The writer's mark of one page in both maps; see pagetable.cc for why
+// bits found set may be trusted without the atomic set. The signal fence
+// keeps the compiler from moving the caller's stores below the test.
+inline void DirtyMapsMark(LumRegion *region, uint32_t page) {
+    uint32_t index = page / kPagesPerMapWord;
     uint32_t bit = 1u << (page % kPagesPerMapWord);
+    std::atomic_ref<uint32_t> even(region->dirty_map[0]->Words()[index]);
+    std::atomic_ref<uint32_t> odd(region->dirty_map[1]->Words()[index]);
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    if (region_write_barrier == 0 || (word.load(std::memory_order_relaxed) & bit) == 0)
-        word.fetch_or(bit, std::memory_order_release);
+    if (region_write_barrier != 0 &&
+        (even.load(std::memory_order_relaxed) & odd.load(std::memory_order_relaxed) & bit) != 0)
+        return;
+    even.fetch_or(bit, std::memory_order_release);
+    odd.fetch_or(bit, std::memory_order_release);
 }
 
 // Announces a change of [address, address + length), made already: logs the
@@ -231,12 +236,10 @@ inline void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length
     LogBufferAppendData(region, offset, length);
     uint32_t page = offset >> region_page_shift;
     bool one_page = length <= region_page_size - (offset & (region_page_size - 1));
-    if (one_page && page < static_cast<uint32_t>(region->dirty_map[0]->page_count)) {
-        DirtyMapMark(region->dirty_map[0], page);
-        DirtyMapMark(region->dirty_map[1], page);
-    } else {
+    if (one_page && page < static_cast<uint32_t>(region->dirty_map[0]->page_count))
+        DirtyMapsMark(region, page);
+    else
         _LumDirtyMapMarkRange(region, offset, length);
-    }
 }
 
 } // extern "C"

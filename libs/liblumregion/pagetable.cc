@@ -78,8 +78,6 @@ void _LumDirtyMapMarkRange(LumRegion *region, uint32_t offset, uint32_t length) 
     uint64_t last = (static_cast<uint64_t>(offset) + length - 1) >> region_page_shift;
     // The maps cover the reservation; a range beyond it has no pages to mark.
     last = std::min<uint64_t>(last, static_cast<uint64_t>(region->dirty_map[0]->page_count) - 1);
-    for (uint64_t page = first; page <= last; ++page) {
-        DirtyMapMark(region->dirty_map[0], static_cast<uint32_t>(page));
-        DirtyMapMark(region->dirty_map[1], static_cast<uint32_t>(page));
-    }
+    for (uint64_t page = first; page <= last; ++page)
+        DirtyMapsMark(region, static_cast<uint32_t>(page));
 }
