@@ -168,6 +168,8 @@ int32_t _LumPathStrip(const char *path, char **stripped);
 // without regard to case; 0 otherwise; or the code of _LumPathStrip.
 int32_t _LumPathCheckHome(const char *home, const char *path);
 
+} // extern "C"
+
 // The hot path of every logged write, inline in each writer. ---------------
 
 // Copies a record's payload. Short payloads, the allocator's links, tags
@@ -229,7 +231,7 @@ inline void DirtyMapsMark(LumRegion *region, uint32_t page) {
 // Announces a change of [address, address + length), made already: logs the
 // bytes as they now stand, then marks their pages in both maps (image,
 // record, bits). Does nothing for a volatile region or a length of 0.
-inline void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length) {
+extern "C" inline void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length) {
     if (!IsPersistent(region) || length == 0)
         return;
     uint32_t offset = ImageOffsetOf(region, static_cast<uint8_t *>(address));
@@ -241,5 +243,3 @@ inline void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length
     else
         _LumDirtyMapMarkRange(region, offset, length);
 }
-
-} // extern "C"
