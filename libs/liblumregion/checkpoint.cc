@@ -16,9 +16,9 @@
 // The fuzzy write: a checkpoint stops nobody. It clears a page's bit before
 // it reads the page, and a write barrier lies between the two, so a change
 // after the clear marks the page again for this file's next checkpoint, and
-// a change before it is in the page. Pages
-// may hold changes of a transaction in flight; the chk file counts only once
-// a later commit acknowledges it, when the log holds all those records.
+// a change before it is in the page. Pages may hold changes of a transaction
+// in flight; the chk file counts only once a later commit acknowledges it,
+// when the log holds all those records.
 //
 // The thread sleeps on region_checkpoint_event for 60 seconds, or until
 // LumRegionShutdown signals it, and then visits every registered region.

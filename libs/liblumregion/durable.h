@@ -73,12 +73,13 @@ struct LogBuffer {
     uint32_t used;
 };
 
+inline constexpr uint32_t kPagesPerMapWord = 32;
+
 // One bit per page of the reservation: set when the page may differ from
 // the chk file of the map's parity. Allocated as one block: page_count,
 // then the bit words (page i is bit i % 32 of word i / 32), rounded up to
 // whole words. The writer sets bits while the checkpoint thread clears
 // them, so every bit is read and changed atomically (see pagetable.cc).
-inline constexpr uint32_t kPagesPerMapWord = 32;
 struct DirtyMap {
     int32_t page_count;
     uint32_t *Words() { return reinterpret_cast<uint32_t *>(this + 1); }
