@@ -1,24 +1,26 @@
 // Segments and chunk allocation: the records of the worked example, the
 // sizes and statistics at their edges, growth and shrinking of a segment,
 // and a randomized run checked against a model after every step.
+#include <array>
 #include <map>
 #include <random>
+#include <tuple>
 
 #include "persistent_fixture.h"
 
 namespace {
 
-std::vector<ParsedRecord> RecordsSince(LumRegion *region, uint32_t from) {
-    LogBuffer *buffer = region->log_buffer;
-    std::vector<uint8_t> bytes(file_header::kSize, 0);
-    bytes.insert(bytes.end(), buffer->data + from, buffer->data + buffer->used);
-    return ParseLog(bytes);
-}
-
 LumSegmentInfo InfoOf(LumSegment *segment) {
     LumSegmentInfo info;
     LumSegmentGetInfo(segment, &info);
     return info;
+}
+
+// A segment's figures: extents, total, free bytes and chunks, used bytes and chunks.
+using Figures = std::array<uint32_t, 6>;
+Figures FiguresOf(LumSegment *segment) {
+    LumSegmentInfo i = InfoOf(segment);
+    return {i.extents, i.total_bytes, i.free_bytes, i.free_chunks, i.used_bytes, i.used_chunks};
 }
 
 } // namespace
@@ -29,6 +31,9 @@ class AllocTest : public PersistentTest {
     void TearDown() override {
         for (LumSegment *segment : segments_)
             EXPECT_EQ(LumSegmentDrop(segment), 0);
+        // Drops free the live chunks and give the image back.
+        EXPECT_EQ(region_->used, FirstExtentOffset());
+        EXPECT_EQ(ImageLoad32(region_->base + region_header::kSegmentCount), 0u);
         EXPECT_EQ(LumRegionVerify(region_), 0);
         EXPECT_EQ(LumRegionDrop(region_), 0);
     }
@@ -47,9 +52,6 @@ class AllocTest : public PersistentTest {
             LumMemLog(segment, pointer);
         return pointer;
     }
-    uint32_t Offset(const void *at) const {
-        return ImageOffsetOf(region_, static_cast<const uint8_t *>(at));
-    }
 
     LumRegion *region_ = nullptr;
     std::vector<LumSegment *> segments_;
@@ -61,37 +63,28 @@ TEST_F(AllocTest, WorkedExampleLeavesTheseRecordsInThisOrder) {
     uint32_t from = region_->log_buffer->used;
     LumSegment *segment = Segment(65536);
     void *pointer = Alloc(segment, 100);
-    EXPECT_EQ(Offset(pointer), 5720u);
+    EXPECT_EQ(static_cast<uint8_t *>(pointer) - region_->base, 5720);
     ASSERT_EQ(LumMemFree(segment, pointer), 0);
 
-    const uint32_t expected[][3] = {
+    // Type, value and length of each record.
+    const std::vector<std::array<uint32_t, 3>> expected = {
         {LOG_SIZE, 69632, 0},   {LOG_DATA, 4096, 16},  {LOG_DATA, 69628, 4}, {LOG_DATA, 32, 4},
         {LOG_DATA, 4096, 1636}, {LOG_DATA, 69588, 40}, {LOG_DATA, 5608, 8},  {LOG_DATA, 5720, 8},
         {LOG_DATA, 4096, 1604}, {LOG_DATA, 544, 4},    {LOG_DATA, 5608, 8},  {LOG_DATA, 5608, 8},
         {LOG_DATA, 5828, 12},   {LOG_DATA, 69608, 4},  {LOG_DATA, 4136, 24}, {LOG_DATA, 5716, 112},
         {LOG_DATA, 5608, 8},    {LOG_DATA, 5608, 8},   {LOG_DATA, 5716, 12}, {LOG_DATA, 69608, 4},
         {LOG_DATA, 4136, 24}};
-    auto records = RecordsSince(region_, from);
-    if (!records.empty() && records[0].type == LOG_SIZE && records[0].value == Page())
-        records.erase(records.begin()); // the buffer's opening LOG_SIZE
-    ASSERT_EQ(records.size(), std::size(expected));
-    for (size_t i = 0; i < records.size(); ++i) {
-        EXPECT_EQ(records[i].type, expected[i][0]) << "record " << i;
-        EXPECT_EQ(records[i].value, expected[i][1]) << "record " << i;
-        EXPECT_EQ(records[i].length, expected[i][2]) << "record " << i;
-    }
+    std::vector<std::array<uint32_t, 3>> records;
+    for (const ParsedRecord &record : BufferRecords(region_, from))
+        records.push_back({record.type, record.value, record.length});
+    EXPECT_EQ(records, expected);
 }
 
 TEST_F(AllocTest, ChunkSizesAndStatisticsAtTheirEdges) {
     LumSegment *segment = Segment(4096);
     EXPECT_EQ(InfoOf(segment).free_bytes, 2456u);
-    void *first = Alloc(segment, 100);
-    EXPECT_EQ(Offset(first) - 4, Offset(segment->primary) + 1620);
-    LumSegmentInfo info = InfoOf(segment);
-    EXPECT_EQ(info.free_bytes, 2344u);
-    EXPECT_EQ(info.free_chunks, 1u);
-    EXPECT_EQ(info.used_bytes, 112u);
-    EXPECT_EQ(info.used_chunks, 1u);
+    EXPECT_EQ(static_cast<uint8_t *>(Alloc(segment, 100)) - segment->primary, 1624);
+    EXPECT_EQ(FiguresOf(segment), (Figures{1, 4096, 2344, 1, 112, 1}));
     const std::pair<uint32_t, uint32_t> sizes[] = {{0, 8}, {1, 8}, {8, 8}, {9, 16}};
     for (auto [request, usable] : sizes) {
         void *pointer = Alloc(segment, request);
@@ -100,8 +93,7 @@ TEST_F(AllocTest, ChunkSizesAndStatisticsAtTheirEdges) {
     }
     // The whole free chunk less 8 bytes takes it whole.
     uint32_t rest = InfoOf(segment).free_bytes;
-    void *all = Alloc(segment, rest - 8);
-    EXPECT_EQ(LumMemGetSize(all), rest - 8);
+    EXPECT_EQ(LumMemGetSize(Alloc(segment, rest - 8)), rest - 8);
     EXPECT_EQ(InfoOf(segment).free_chunks, 0u);
     EXPECT_EQ(InfoOf(segment).extents, 1u);
 }
@@ -123,51 +115,48 @@ TEST_F(AllocTest, TakesChunksWholeUnlessSixteenBytesRemain) {
     EXPECT_EQ(ImageLoad32(static_cast<uint8_t *>(a) + 12), 16u | CHUNK_FREE);
 }
 
-TEST_F(AllocTest, FreeingInAnyOrderMergesIntoOneChunk) {
+TEST_F(AllocTest, FreesMergeInAnyOrderAndBadFreesChangeNothing) {
     LumSegment *segment = Segment(4096);
-    uint32_t whole = InfoOf(segment).free_bytes;
+    Figures empty = FiguresOf(segment);
     void *a = Alloc(segment, 40), *b = Alloc(segment, 40), *c = Alloc(segment, 40);
-    EXPECT_EQ(LumMemFree(segment, a), 0);
-    EXPECT_EQ(LumMemFree(segment, c), 0);
-    EXPECT_EQ(LumMemFree(segment, b), 0);
-    LumSegmentInfo info = InfoOf(segment);
-    EXPECT_EQ(info.free_bytes, whole);
-    EXPECT_EQ(info.free_chunks, 1u);
-    EXPECT_EQ(info.extents, 1u) << "a primary extent stays";
-}
-
-TEST_F(AllocTest, BadFreesAreRefusedAndChangeNothing) {
-    LumSegment *segment = Segment(4096);
-    void *a = Alloc(segment, 40);
-    Alloc(segment, 40);
     EXPECT_EQ(LumMemFree(segment, static_cast<uint8_t *>(a) + 4), LUM_RC_FAILURE);
     EXPECT_EQ(LumMemFree(segment, a), 0);
-    LumSegmentInfo before = InfoOf(segment);
+    Figures before = FiguresOf(segment);
     EXPECT_EQ(LumMemFree(segment, a), LUM_RC_DOUBLE_FREE);
-    EXPECT_EQ(InfoOf(segment).free_bytes, before.free_bytes);
+    EXPECT_EQ(FiguresOf(segment), before);
+    EXPECT_EQ(LumMemFree(segment, c), 0);
+    EXPECT_EQ(LumMemFree(segment, b), 0);
+    EXPECT_EQ(FiguresOf(segment), empty) << "one free chunk in the primary extent that stays";
     void *out = reinterpret_cast<void *>(1);
     EXPECT_EQ(LumMemAlloc(segment, 0xFFFFFFFF - 70, &out), LUM_RC_FAILURE);
     EXPECT_EQ(out, nullptr);
 }
 
-TEST_F(AllocTest, SegmentGrowsByTheFormulaUntilItsMaximum) {
+TEST_F(AllocTest, SegmentGrowsByTheFormulaUntilItsMaximumOrTheSoftLimit) {
     LumSegment *flat = Segment(65536, 65536, 0, 196608);
-    uint32_t chunk = 60000;
     for (int i = 0; i < 3; ++i)
-        Alloc(flat, chunk);
+        Alloc(flat, 60000);
     EXPECT_EQ(InfoOf(flat).total_bytes, 196608u);
     void *pointer = reinterpret_cast<void *>(1);
-    EXPECT_EQ(LumMemAlloc(flat, chunk, &pointer), LUM_RC_MAX_SEGMENT_SIZE);
+    EXPECT_EQ(LumMemAlloc(flat, 60000, &pointer), LUM_RC_MAX_SEGMENT_SIZE);
     EXPECT_EQ(pointer, nullptr);
 
+    // Growth of 50%: 64 KiB, then 96 KiB even past the maximum, then more.
     LumSegment *growing = Segment(65536, 65536, 50, 196608);
-    Alloc(growing, chunk);
-    Alloc(growing, chunk);
-    EXPECT_EQ(InfoOf(growing).total_bytes, 131072u);
-    Alloc(growing, 70000);
-    EXPECT_EQ(InfoOf(growing).total_bytes, 131072u + 98304u) << "passes the maximum";
+    const uint32_t steps[][2] = {{60000, 65536}, {60000, 131072}, {70000, 229376}};
+    for (auto [request, total] : steps) {
+        Alloc(growing, request);
+        EXPECT_EQ(InfoOf(growing).total_bytes, total) << request;
+    }
+    // Growth refused by the soft limit leaves the statistics alone.
+    ASSERT_EQ(LumRegionSetSoftLimit(region_, region_->used), 0);
+    Figures before = FiguresOf(growing);
+    EXPECT_EQ(LumMemAlloc(growing, 140000, &pointer), LUM_RC_SOFT_LIMIT);
+    EXPECT_EQ(FiguresOf(growing), before);
+    ASSERT_EQ(LumRegionSetSoftLimit(region_, 64 * kMiB), 0);
     Alloc(growing, 140000);
     EXPECT_EQ(InfoOf(growing).extents, 4u) << "and goes on growing";
+    EXPECT_EQ(InfoOf(growing).free_chunks, before[3] + 1) << "grown and split";
 }
 
 TEST_F(AllocTest, SecondaryExtentsChainNewestFirstAndGoBackWhenEmpty) {
@@ -175,8 +164,7 @@ TEST_F(AllocTest, SecondaryExtentsChainNewestFirstAndGoBackWhenEmpty) {
     Alloc(segment, 2000);
     void *in_a = Alloc(segment, 3000); // first secondary extent, A
     void *in_b = Alloc(segment, 5000); // second, B: as large as its request needs
-    uint8_t *primary = segment->primary;
-    uint32_t b = ImageLoad32(primary + extent_header::kNext);
+    uint32_t b = ImageLoad32(segment->primary + extent_header::kNext);
     uint32_t a = ImageLoad32(region_->base + b + extent_header::kNext);
     EXPECT_EQ(ImageLoad32(region_->base + a + extent_header::kPrev), b);
     EXPECT_EQ(ImageLoad32(region_->base + b), 2 * Page()) << "5000 + 56 rounded up";
@@ -193,14 +181,16 @@ TEST_F(AllocTest, SecondaryExtentsChainNewestFirstAndGoBackWhenEmpty) {
     EXPECT_LT(region_->used, used) << "the last extent of the image went back";
 }
 
-TEST_F(AllocTest, SegmentIdsAreReusedLowestFirst) {
+TEST_F(AllocTest, SegmentsTakeTheLowestFreeIdUpToTheLimitAndRefuseBadSizes) {
+    LumSegment *opened = reinterpret_cast<LumSegment *>(1);
+    EXPECT_EQ(LumSegmentCreate(region_, 0, 0, 0, 0, &opened), LUM_RC_ALLOCATOR_TYPE);
+    EXPECT_EQ(LumSegmentCreate(region_, 8192, 8192, 0, 16383, &opened), LUM_RC_ALLOCATOR_TYPE);
     std::vector<LumSegment *> seven;
     for (int i = 0; i < 7; ++i)
         seven.push_back(Segment(4096));
     EXPECT_EQ(InfoOf(seven[5]).segment_id, 5u);
     std::erase(segments_, seven[5]);
     ASSERT_EQ(LumSegmentDrop(seven[5]), 0);
-    LumSegment *opened = reinterpret_cast<LumSegment *>(1);
     EXPECT_EQ(LumSegmentOpen(region_, 5, &opened), LUM_RC_BAD_SEGMENT_ID);
     EXPECT_EQ(LumSegmentOpen(region_, 128, &opened), LUM_RC_BAD_SEGMENT_ID);
     uint8_t *entry = region_->base + region_header::kSegmentMap + 4 * 5;
@@ -208,50 +198,17 @@ TEST_F(AllocTest, SegmentIdsAreReusedLowestFirst) {
     EXPECT_EQ(LumSegmentOpen(region_, 5, &opened), LUM_RC_BAD_SEGMENT_ID);
     ImageStore32(entry, 0);
     EXPECT_EQ(opened, reinterpret_cast<LumSegment *>(1));
-    EXPECT_EQ(InfoOf(Segment(4096)).segment_id, 5u);
+    LumSegment *exact = Segment(8192, 8192, 0, 16384);
+    EXPECT_EQ(InfoOf(exact).segment_id, 5u);
+    EXPECT_EQ(ImageLoad32(exact->primary + primary_extent::kPrimarySize), 8192u);
+    EXPECT_EQ(ImageLoad32(Segment(1)->primary + primary_extent::kPrimarySize), Page());
     ASSERT_EQ(LumSegmentOpen(region_, 6, &opened), 0);
     EXPECT_EQ(opened->primary, seven[6]->primary);
     EXPECT_EQ(LumSegmentClose(opened), 0);
-}
-
-TEST_F(AllocTest, SegmentArgumentsAndLimits) {
-    LumSegment *segment = reinterpret_cast<LumSegment *>(1);
-    EXPECT_EQ(LumSegmentCreate(region_, 0, 0, 0, 0, &segment), LUM_RC_ALLOCATOR_TYPE);
-    EXPECT_EQ(LumSegmentCreate(region_, 8192, 8192, 0, 16383, &segment), LUM_RC_ALLOCATOR_TYPE);
-    EXPECT_EQ(segment, reinterpret_cast<LumSegment *>(1));
-    LumSegment *exact = Segment(8192, 8192, 0, 16384);
-    EXPECT_EQ(ImageLoad32(exact->primary + primary_extent::kPrimarySize), 8192u);
-    EXPECT_EQ(ImageLoad32(Segment(1)->primary + primary_extent::kPrimarySize), Page());
     while (segments_.size() < 128)
         Segment(1);
-    EXPECT_EQ(LumSegmentCreate(region_, 0, 0, 0, 0, &segment), LUM_RC_MAX_SEGMENTS);
+    EXPECT_EQ(LumSegmentCreate(region_, 0, 0, 0, 0, &opened), LUM_RC_MAX_SEGMENTS);
     EXPECT_EQ(LumRegionDrop(region_), LUM_RC_SEGMENTS_REMAIN);
-}
-
-TEST_F(AllocTest, DropFreesLiveChunksAndShrinksTheImage) {
-    uint32_t used = region_->used;
-    LumSegment *segment = Segment(4096, 4096);
-    for (int i = 0; i < 10; ++i)
-        Alloc(segment, 1000);
-    segments_.clear();
-    ASSERT_EQ(LumSegmentDrop(segment), 0);
-    EXPECT_EQ(region_->used, used);
-    EXPECT_EQ(ImageLoad32(region_->base + region_header::kSegmentCount), 0u);
-}
-
-TEST_F(AllocTest, FailedGrowthLeavesTheStatisticsAlone) {
-    LumSegment *segment = Segment(4096, 4096);
-    Alloc(segment, 2000);
-    ASSERT_EQ(LumRegionSetSoftLimit(region_, region_->used), 0);
-    LumSegmentInfo before = InfoOf(segment);
-    void *pointer;
-    EXPECT_EQ(LumMemAlloc(segment, 3000, &pointer), LUM_RC_SOFT_LIMIT);
-    LumSegmentInfo after = InfoOf(segment);
-    EXPECT_EQ(after.free_chunks, before.free_chunks);
-    EXPECT_EQ(after.total_bytes, before.total_bytes);
-    ASSERT_EQ(LumRegionSetSoftLimit(region_, 64 * kMiB), 0);
-    Alloc(segment, 3000);
-    EXPECT_EQ(InfoOf(segment).free_chunks, before.free_chunks + 1) << "grown and split";
 }
 
 // Thousands of random allocations, logged writes and frees over several
@@ -261,30 +218,25 @@ TEST_F(AllocTest, RandomRunKeepsTheModelAndAVerifiableImage) {
     std::mt19937 random(12345);
     std::vector<LumSegment *> segments = {Segment(8192, 4096, 25), Segment(65536, 16384, 0),
                                           Segment(4096, 0)};
-    struct Live {
-        LumSegment *segment;
-        uint32_t size;
-        uint8_t fill;
-    };
-    std::map<uint8_t *, Live> live;
+    std::map<uint8_t *, std::tuple<LumSegment *, uint32_t, uint8_t>> live; // segment, size, fill
     for (int step = 0; step < 4000; ++step) {
         if (live.empty() || random() % 3 != 0) {
             LumSegment *segment = segments[random() % segments.size()];
             uint32_t size = random() % 4 == 0 ? 1 + random() % 12000 : 1 + random() % 300;
-            void *pointer = Alloc(segment, size);
-            ASSERT_NE(pointer, nullptr);
-            ASSERT_GE(LumMemGetSize(pointer), size);
-            auto *at = static_cast<uint8_t *>(pointer);
+            auto *at = static_cast<uint8_t *>(Alloc(segment, size));
+            ASSERT_NE(at, nullptr);
+            ASSERT_GE(LumMemGetSize(at), size);
             uint8_t fill = static_cast<uint8_t>(random());
             LumMemLogSet(segment, at, fill, size);
             for (auto &[other, entry] : live)
-                ASSERT_TRUE(at + size <= other || other + entry.size <= at) << "overlap";
+                ASSERT_TRUE(at + size <= other || other + std::get<1>(entry) <= at) << "overlap";
             live[at] = {segment, size, fill};
         } else {
             auto it = std::next(live.begin(), random() % live.size());
-            for (uint32_t i = 0; i < it->second.size; i += 97)
-                ASSERT_EQ(it->first[i], it->second.fill) << "contents of a live chunk";
-            ASSERT_EQ(LumMemFree(it->second.segment, it->first), 0);
+            auto [segment, size, fill] = it->second;
+            for (uint32_t i = 0; i < size; i += 97)
+                ASSERT_EQ(it->first[i], fill) << "contents of a live chunk";
+            ASSERT_EQ(LumMemFree(segment, it->first), 0);
             live.erase(it);
         }
         if (step % 50 == 0) {

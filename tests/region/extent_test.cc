@@ -3,21 +3,6 @@
 // that split, coalesce and give the end of the image back.
 #include "persistent_fixture.h"
 
-namespace {
-
-// The LOG_DATA records appended to the buffer since `from` (a byte offset
-// in it); an opening LOG_SIZE is left out.
-std::vector<ParsedRecord> RecordsSince(LumRegion *region, uint32_t from) {
-    LogBuffer *buffer = region->log_buffer;
-    std::vector<uint8_t> bytes(file_header::kSize, 0);
-    bytes.insert(bytes.end(), buffer->data + from, buffer->data + buffer->used);
-    auto records = ParseLog(bytes);
-    std::erase_if(records, [](const ParsedRecord &r) { return r.type != LOG_DATA; });
-    return records;
-}
-
-} // namespace
-
 TEST(FreeListIndex, SeamsOfTheBinTable) {
     const std::pair<uint32_t, uint32_t> cases[] = {
         {16, 2},       {504, 63},     {511, 63},     {512, 64},        {575, 64},     {576, 65},
@@ -28,93 +13,6 @@ TEST(FreeListIndex, SeamsOfTheBinTable) {
         EXPECT_EQ(_LumFreeListIndex(size), bin) << size;
     for (uint32_t size = 16; size < 800000; size += 8)
         ASSERT_LE(_LumFreeListIndex(size), _LumFreeListIndex(size + 8)) << size;
-}
-
-class FreeListTest : public PersistentTest {
-  protected:
-    void SetUp() override {
-        region_ = CreatePersistent("bins", 8 * kMiB, 8 * kMiB);
-        ASSERT_EQ(_LumImageSetSize(region_, 2 * kMiB), 0);
-        LumRegionCommit(region_);
-        bins_ = region_->base + region_header::kExtentBins;
-    }
-    void TearDown() override { EXPECT_EQ(LumRegionClose(region_), 0); }
-
-    // A free item of `size` bytes at image offset `at`, put into the bins.
-    uint8_t *Insert(uint32_t at, uint32_t size) {
-        uint8_t *item = region_->base + at;
-        ImageStore32(item, size | CHUNK_FREE);
-        ImageStore32(item + size - 4, size | CHUNK_FREE);
-        _LumFreeListInsert(region_, bins_, item, size);
-        return item;
-    }
-    uint32_t Offset(const uint8_t *item) const { return ImageOffsetOf(region_, item); }
-    uint32_t Sentinel(uint32_t bin) const {
-        return region_header::kExtentBins + bin_array::SentinelOffset(bin);
-    }
-
-    LumRegion *region_ = nullptr;
-    uint8_t *bins_ = nullptr;
-};
-
-TEST_F(FreeListTest, FirstInsertLogsTheSentinelsTwoLinksAsOneRecord) {
-    uint32_t from = region_->log_buffer->used;
-    Insert(0x10000, 64);
-    auto records = RecordsSince(region_, from);
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].length, 8u);
-    EXPECT_EQ(records[0].value, Sentinel(8) + 4);
-    from = region_->log_buffer->used;
-    Insert(0x20000, 64);
-    records = RecordsSince(region_, from);
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].length, 4u);
-    EXPECT_EQ(records[1].length, 4u);
-}
-
-TEST_F(FreeListTest, SmallBinsAreFirstInFirstOut) {
-    uint8_t *a = Insert(0x10000, 64), *b = Insert(0x20000, 64), *c = Insert(0x30000, 64);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 64), a);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 64), b);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 64), c);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 64), nullptr);
-    EXPECT_EQ(ImageLoad32(bins_ + bin_array::SentinelOffset(8) + 4), Sentinel(8))
-        << "the emptied bin's sentinel links to itself";
-}
-
-TEST_F(FreeListTest, LargerSizesAreBestFitAndEqualSizesLeaveInOrder) {
-    uint8_t *s600 = Insert(0x10000, 600);
-    uint8_t *s640 = Insert(0x20000, 640);
-    Insert(0x30000, 1024);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 608), s640) << "bin 65 passes over 600";
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 600), s600);
-
-    uint8_t *s520 = Insert(0x40000, 520);
-    uint8_t *s560 = Insert(0x50000, 560);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 528), s560);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 520), s520) << "520 stayed in its bin";
-
-    uint8_t *first = Insert(0x60000, 4096), *second = Insert(0x70000, 4096);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 4096), first);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 4096), second);
-}
-
-TEST_F(FreeListTest, RequestBeyondTheLastBinsItemsFindsNothing) {
-    Insert(0x10000, 524288);
-    EXPECT_EQ(_LumFreeListFind(region_, bins_, 600000), nullptr);
-    EXPECT_NE(_LumFreeListFind(region_, bins_, 524288), nullptr);
-}
-
-TEST_F(FreeListTest, RemovingTheOnlyItemLeavesTheSentinelOnItself) {
-    uint8_t *item = Insert(0x10000, 1024);
-    uint32_t from = region_->log_buffer->used;
-    _LumFreeListRemove(region_, item);
-    auto records = RecordsSince(region_, from);
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].length, 8u);
-    uint32_t sentinel = Sentinel(_LumFreeListIndex(1024));
-    EXPECT_EQ(ImageLoad32(region_->base + sentinel + 4), sentinel);
-    EXPECT_EQ(ImageLoad32(region_->base + sentinel + 8), sentinel);
 }
 
 class ExtentTest : public PersistentTest {
@@ -131,23 +29,83 @@ class ExtentTest : public PersistentTest {
     LumRegion *region_ = nullptr;
 };
 
-TEST_F(ExtentTest, FirstExtentLiesBehindTheHeaderOnAPage) {
-    EXPECT_EQ(region_->used, FirstExtentOffset());
-    uint8_t *extent = Alloc(1);
-    EXPECT_EQ(Offset(extent), FirstExtentOffset());
-    EXPECT_EQ(SizeOf(extent), Page());
-    EXPECT_EQ(ImageLoad32(extent - 4), 0u) << "the gap stops coalescing downwards";
-    EXPECT_EQ(SizeOf(Alloc(Page())), Page());
-    EXPECT_EQ(SizeOf(Alloc(Page() + 1)), 2 * Page());
+class FreeListTest : public ExtentTest {
+  protected:
+    void SetUp() override {
+        ExtentTest::SetUp();
+        ASSERT_EQ(_LumImageSetSize(region_, 2 * kMiB), 0);
+        LumRegionCommit(region_);
+        bins_ = region_->base + region_header::kExtentBins;
+    }
+
+    // A free item of `size` bytes at image offset `at`, put into the bins.
+    uint8_t *Insert(uint32_t at, uint32_t size) {
+        uint8_t *item = region_->base + at;
+        ImageStore32(item, size | CHUNK_FREE);
+        ImageStore32(item + size - 4, size | CHUNK_FREE);
+        _LumFreeListInsert(region_, bins_, item, size);
+        return item;
+    }
+    uint32_t Sentinel(uint32_t bin) const {
+        return region_header::kExtentBins + bin_array::SentinelOffset(bin);
+    }
+
+    uint8_t *bins_ = nullptr;
+};
+
+TEST_F(FreeListTest, LinksOfAnEmptyBinsSentinelAreLoggedAsOneRecord) {
+    uint8_t *one = Insert(0x10000, 64);
+    auto records = BufferRecords(region_, log_record::kHeadSize); // behind the opening LOG_SIZE
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].length, 8u);
+    EXPECT_EQ(records[0].value, Sentinel(8) + 4);
+    uint32_t from = region_->log_buffer->used;
+    uint8_t *two = Insert(0x20000, 64);
+    _LumFreeListRemove(region_, one);
+    EXPECT_EQ(LengthsOf(BufferRecords(region_, from)), (std::vector<uint32_t>{4, 4, 4, 4}));
+    from = region_->log_buffer->used;
+    _LumFreeListRemove(region_, two);
+    EXPECT_EQ(LengthsOf(BufferRecords(region_, from)), std::vector<uint32_t>{8});
+    EXPECT_EQ(ImageLoad32(region_->base + Sentinel(8) + 4), Sentinel(8));
+    EXPECT_EQ(ImageLoad32(region_->base + Sentinel(8) + 8), Sentinel(8));
 }
 
-TEST_F(ExtentTest, FreeingTheLastExtentsGivesTheImageBack) {
-    uint8_t *a = Alloc(Page()), *b = Alloc(Page());
-    ASSERT_EQ(_LumExtentFree(region_, a), 0);
-    EXPECT_EQ(ImageLoad32(a), Page() | CHUNK_FREE);
-    ASSERT_EQ(_LumExtentFree(region_, b), 0) << "merges with the free one below";
+TEST_F(FreeListTest, SmallBinsAreFirstInFirstOutAndLargerOnesBestFit) {
+    uint8_t *a = Insert(0x10000, 64), *b = Insert(0x20000, 64), *c = Insert(0x30000, 64);
+    for (uint8_t *item : {a, b, c, static_cast<uint8_t *>(nullptr)})
+        EXPECT_EQ(_LumFreeListFind(region_, bins_, 64), item);
+    EXPECT_EQ(ImageLoad32(bins_ + bin_array::SentinelOffset(8) + 4), Sentinel(8))
+        << "the emptied bin's sentinel links to itself";
+
+    uint8_t *s600 = Insert(0x10000, 600), *s640 = Insert(0x20000, 640);
+    Insert(0x30000, 1024);
+    uint8_t *s520 = Insert(0x40000, 520), *s560 = Insert(0x50000, 560);
+    uint8_t *first = Insert(0x60000, 4096), *second = Insert(0x70000, 4096);
+    uint8_t *last = Insert(0x80000, 524288);
+    // 608 passes over the 600 of its bin; 520 stays in its bin for 520;
+    // equal sizes leave in order; nothing serves more than the last bin's items.
+    const std::pair<uint32_t, uint8_t *> finds[] = {
+        {608, s640},   {600, s600},    {528, s560},       {520, s520},
+        {4096, first}, {4096, second}, {600000, nullptr}, {524288, last}};
+    for (auto [size, item] : finds)
+        EXPECT_EQ(_LumFreeListFind(region_, bins_, size), item) << size;
+}
+
+TEST_F(ExtentTest, ExtentsLieOnPagesBehindTheHeaderAndTheLastGiveTheImageBack) {
     EXPECT_EQ(region_->used, FirstExtentOffset());
-    EXPECT_EQ(Alloc(Page()), a) << "the next extent lies at F again";
+    uint8_t *first = Alloc(1);
+    EXPECT_EQ(Offset(first), FirstExtentOffset());
+    EXPECT_EQ(SizeOf(first), Page());
+    EXPECT_EQ(ImageLoad32(first - 4), 0u) << "the gap stops coalescing downwards";
+    uint8_t *second = Alloc(Page()), *last = Alloc(Page() + 1);
+    EXPECT_EQ(SizeOf(second), Page());
+    EXPECT_EQ(SizeOf(last), 2 * Page());
+    ASSERT_EQ(_LumExtentFree(region_, first), 0);
+    ASSERT_EQ(_LumExtentFree(region_, second), 0);
+    EXPECT_EQ(ImageLoad32(first), 2 * Page() | CHUNK_FREE);
+    ASSERT_EQ(_LumExtentFree(region_, last), 0) << "merges with the free one below";
+    EXPECT_EQ(region_->used, FirstExtentOffset());
+    EXPECT_EQ(Alloc(Page()), first) << "the next extent lies at F again";
 }
 
 TEST_F(ExtentTest, FreeingBetweenTwoFreeExtentsLeavesOneBlock) {
@@ -155,6 +113,8 @@ TEST_F(ExtentTest, FreeingBetweenTwoFreeExtentsLeavesOneBlock) {
     Alloc(Page()); // keeps the three from the end of the image
     ASSERT_EQ(_LumExtentFree(region_, a), 0);
     ASSERT_EQ(_LumExtentFree(region_, c), 0);
+    uint32_t used = region_->used;
+    EXPECT_EQ(Offset(Alloc(2 * Page())), used) << "no single free extent is large enough";
     uint32_t from = region_->log_buffer->used;
     ASSERT_EQ(_LumExtentFree(region_, b), 0);
     EXPECT_EQ(ImageLoad32(a), 3 * Page() | CHUNK_FREE);
@@ -162,63 +122,42 @@ TEST_F(ExtentTest, FreeingBetweenTwoFreeExtentsLeavesOneBlock) {
     // Two removals from one bin (two 4-byte links, then the sentinel's two
     // links once the bin is empty), one insertion into an empty bin, then
     // the new block's head and foot.
-    auto records = RecordsSince(region_, from);
-    std::vector<uint32_t> lengths;
-    for (const ParsedRecord &record : records)
-        lengths.push_back(record.length);
-    EXPECT_EQ(lengths, (std::vector<uint32_t>{4, 4, 8, 8, 16, 4}));
+    auto records = BufferRecords(region_, from);
+    EXPECT_EQ(LengthsOf(records), (std::vector<uint32_t>{4, 4, 8, 8, 16, 4}));
     EXPECT_EQ(records[4].value, Offset(a));
     EXPECT_EQ(records[5].value, Offset(c) + Page() - 4);
 }
 
-TEST_F(ExtentTest, SplitKeepsTheLowEndAndExactFitsTakeTheWhole) {
+TEST_F(ExtentTest, SplitKeepsTheLowEndAndTheSoftLimitLeavesTheRestAlone) {
     uint8_t *big = Alloc(3 * Page());
     Alloc(Page());
     ASSERT_EQ(_LumExtentFree(region_, big), 0);
     EXPECT_EQ(Alloc(2 * Page()), big);
     uint8_t *rest = big + 2 * Page();
     EXPECT_EQ(ImageLoad32(rest), Page() | CHUNK_FREE) << "one page stays free at the top";
-    EXPECT_EQ(Alloc(Page()), rest) << "an exact fit takes it whole";
-}
-
-TEST_F(ExtentTest, LargerRequestGrowsTheImageEvenWhenFreeSpaceWouldDo) {
-    uint8_t *a = Alloc(Page()), *b = Alloc(Page()), *c = Alloc(Page());
-    Alloc(Page());
-    ASSERT_EQ(_LumExtentFree(region_, a), 0);
-    ASSERT_EQ(_LumExtentFree(region_, c), 0);
-    uint32_t used = region_->used;
-    uint8_t *two = Alloc(2 * Page());
-    EXPECT_EQ(Offset(two), used);
-    (void)b;
-}
-
-TEST_F(ExtentTest, SoftLimitLeavesTheFreeExtentsAlone) {
-    uint8_t *a = Alloc(Page());
-    Alloc(Page());
-    ASSERT_EQ(_LumExtentFree(region_, a), 0);
     ASSERT_EQ(LumRegionSetSoftLimit(region_, region_->used), 0);
     uint8_t *extent = reinterpret_cast<uint8_t *>(1);
     EXPECT_EQ(_LumExtentAlloc(region_, 2 * Page(), &extent), LUM_RC_SOFT_LIMIT);
     EXPECT_EQ(extent, nullptr);
-    EXPECT_EQ(ImageLoad32(a), Page() | CHUNK_FREE);
+    EXPECT_EQ(ImageLoad32(rest), Page() | CHUNK_FREE);
     EXPECT_EQ(_LumExtentAlloc(region_, 0xFFFFFFF0, &extent), LUM_RC_EXTEND) << "past 4 GiB";
+    EXPECT_EQ(Alloc(Page()), rest) << "an exact fit takes it whole";
 }
 
 TEST_F(ExtentTest, FormatPlacesFencesAndOneFreeChunk) {
+    const uint32_t size = 2 * Page();
     for (uint32_t kind : {extent_header::kPrimary, extent_header::kSecondary}) {
-        uint8_t *extent = Alloc(2 * Page());
-        uint32_t size = 2 * Page();
+        uint8_t *extent = Alloc(size);
         ImageStore32(extent + extent_header::kKind, kind);
-        uint32_t h = kind == extent_header::kPrimary ? 1604 : 20;
+        uint32_t h = kind == extent_header::kPrimary ? 1604 : 20; // the header's size
         uint8_t *chunk = _LumExtentFormat(region_, extent);
-        EXPECT_EQ(Offset(chunk) - Offset(extent), h + 16);
+        EXPECT_EQ(chunk, extent + h + 16);
         EXPECT_EQ(Offset(chunk) % 8, 4u);
-        EXPECT_EQ(ImageLoad32(extent + h), 18u);
-        EXPECT_EQ(ImageLoad32(extent + h + 12), 18u);
-        EXPECT_EQ(ImageLoad32(chunk), (size - h - 36) | CHUNK_FREE);
-        EXPECT_EQ(ImageLoad32(extent + size - 24), (size - h - 36) | CHUNK_FREE);
-        EXPECT_EQ(ImageLoad32(extent + size - 20), 18u);
-        EXPECT_EQ(ImageLoad32(extent + size - 8), 18u);
-        EXPECT_EQ(ImageLoad32(extent + size - 4), size);
+        uint32_t rest = (size - h - 36) | CHUNK_FREE;
+        const std::pair<uint32_t, uint32_t> words[] = {
+            {h, 18},         {h + 12, 18},   {h + 16, rest},  {size - 24, rest},
+            {size - 20, 18}, {size - 8, 18}, {size - 4, size}};
+        for (auto [at, value] : words)
+            EXPECT_EQ(ImageLoad32(extent + at), value) << "kind " << kind << ", word at " << at;
     }
 }

@@ -1,5 +1,6 @@
 // The image: limits and their rounding, commit steps, shrinking, the soft
 // limit, and the undoing of a failed creation.
+#include <algorithm>
 #include <cstring>
 
 #include "region_fixture.h"
@@ -9,138 +10,92 @@ using lumtest::MallocFailure;
 using lumtest::PlatformGuard;
 using lumtest::VmRecorder;
 
-TEST_F(RegionTest, HardLimitRoundsUpToWholeMiB) {
-    EXPECT_EQ(Create(1, kMiB)->hard_limit, kMiB);
-    EXPECT_EQ(Create(kMiB, kMiB)->hard_limit, kMiB);
-    EXPECT_EQ(Create(kMiB + 1, kMiB)->hard_limit, 2 * kMiB);
-}
-
-TEST_F(RegionTest, ZeroHardLimitCannotBeReserved) {
-    LumRegion *region = reinterpret_cast<LumRegion *>(1);
-    void *base = reinterpret_cast<void *>(1);
-    EXPECT_EQ(LumRegionCreate("zero", LUM_REGION_VOLATILE, 0, kMiB, 0, 0, nullptr, &region, &base),
-              LUM_RC_RESERVE);
-    EXPECT_EQ(region, reinterpret_cast<LumRegion *>(1)) << "out words stay untouched on failure";
-    EXPECT_EQ(base, reinterpret_cast<void *>(1));
-}
-
-TEST_F(RegionTest, SoftLimitRoundsUpToAPage) {
-    LumRegion *region = Create(kMiB, 1);
-    EXPECT_EQ(region->soft_limit, Page());
-    EXPECT_EQ(region->used, Page()) << "the header fits one page";
-}
-
-TEST_F(RegionTest, SoftLimitNearFourGiBStaysTheLastPage) {
-    LumRegion *region = Create(kMiB, 0xFFFFFFFF);
-    EXPECT_EQ(region->soft_limit, ~(Page() - 1));
-}
-
-TEST_F(RegionTest, NewRegionUsesOnePageAndCommitsOneMiB) {
-    LumRegion *region = Create(4 * kMiB, 4 * kMiB);
-    EXPECT_EQ(region->used, (2088 + Page() - 1) & ~(Page() - 1));
-    EXPECT_EQ(region->committed, kMiB);
-}
-
-TEST_F(RegionTest, GrowingWithinAMiBCommitsNothing) {
-    LumRegion *region = Create(4 * kMiB, 4 * kMiB);
-    VmRecorder vm;
-    ASSERT_EQ(_LumImageSetSize(region, kMiB - Page()), 0);
-    ASSERT_EQ(_LumImageSetSize(region, kMiB), 0);
-    EXPECT_TRUE(vm.commits.empty());
-    ASSERT_EQ(_LumImageSetSize(region, kMiB + Page()), 0);
-    ASSERT_EQ(vm.commits.size(), 1u);
-    EXPECT_EQ(vm.commits[0].address, region->base + kMiB);
-    EXPECT_EQ(vm.commits[0].length, kMiB);
-    EXPECT_EQ(region->committed, 2 * kMiB);
-    EXPECT_EQ(region->used, kMiB + Page());
-}
-
-TEST_F(RegionTest, SettingThePresentSizeCallsNoPlatform) {
-    LumRegion *region = Create(4 * kMiB, 4 * kMiB);
-    VmRecorder vm;
-    ASSERT_EQ(_LumImageSetSize(region, region->used), 0);
-    EXPECT_TRUE(vm.commits.empty());
-    EXPECT_TRUE(vm.decommits.empty());
-}
-
-TEST_F(RegionTest, SizeRoundsUpToAPage) {
-    LumRegion *region = Create(4 * kMiB, 4 * kMiB);
-    ASSERT_EQ(_LumImageSetSize(region, 3 * Page() + 1), 0);
-    EXPECT_EQ(region->used, 4 * Page());
-}
-
-TEST_F(RegionTest, SoftLimitAllowsEqualAndRefusesOneByteMore) {
-    LumRegion *region = Create(4 * kMiB, 2 * kMiB);
-    EXPECT_EQ(_LumImageSetSize(region, 2 * kMiB), 0);
-    LogCapture log;
-    EXPECT_EQ(_LumImageSetSize(region, 2 * kMiB + 1), LUM_RC_SOFT_LIMIT);
-    EXPECT_EQ(region->used, 2 * kMiB);
-    EXPECT_EQ(region->committed, 2 * kMiB);
-    auto reports = log.Find(2, 29);
-    ASSERT_EQ(reports.size(), 1u);
-    EXPECT_EQ(reports[0].severity, 4);
-    EXPECT_EQ(reports[0].text, "Soft limit exceeded for region : test");
-}
-
-TEST_F(RegionTest, SizeNearFourGiBIsRefusedNotWrapped) {
-    LumRegion *region = Create(4 * kMiB, 4 * kMiB);
-    uint32_t used = region->used;
-    EXPECT_EQ(_LumImageSetSize(region, 0xFFFFFFFF), LUM_RC_SOFT_LIMIT);
-    EXPECT_EQ(region->used, used);
-}
-
-TEST_F(RegionTest, SoftLimitAboveHardGrowsToTheReservationThenFailsToExtend) {
-    LumRegion *region = Create(2 * kMiB, 8 * kMiB);
-    EXPECT_EQ(_LumImageSetSize(region, 2 * kMiB), 0);
-    EXPECT_EQ(_LumImageSetSize(region, 2 * kMiB + 1), LUM_RC_EXTEND);
-    EXPECT_EQ(region->used, 2 * kMiB);
-    EXPECT_EQ(region->committed, 2 * kMiB);
-}
-
-TEST_F(RegionTest, FailedCommitChangesNothingAndLogsNothing) {
-    LumRegion *region = Create(8 * kMiB, 8 * kMiB);
-    VmRecorder vm;
-    vm.fail_commit = true;
-    LogCapture log;
-    EXPECT_EQ(_LumImageSetSize(region, 3 * kMiB), LUM_RC_EXTEND);
-    EXPECT_EQ(region->used, Page());
-    EXPECT_EQ(region->committed, kMiB);
-    EXPECT_TRUE(log.Records().empty());
-}
-
-TEST_F(RegionTest, ShrinkingDecommitsWholeMiBsAndTheMemoryComesBackZero) {
-    LumRegion *region = Create(8 * kMiB, 8 * kMiB);
-    ASSERT_EQ(_LumImageSetSize(region, 3 * kMiB), 0);
-    memset(region->base + 2 * kMiB, 0xAB, kMiB);
-    {
-        VmRecorder vm;
-        ASSERT_EQ(_LumImageSetSize(region, kMiB + Page()), 0);
-        ASSERT_EQ(vm.decommits.size(), 1u);
-        EXPECT_EQ(vm.decommits[0].address, region->base + 2 * kMiB);
-        EXPECT_EQ(vm.decommits[0].length, kMiB);
+// A new region's hard limit rounds up to whole MiB and its soft limit up to
+// a page (near 4 GiB, to the last page); the header fills one page and one
+// MiB is committed.
+TEST_F(RegionTest, CreateRoundsTheLimitsAndCommitsOneMiB) {
+    // hard limit asked, soft limit asked, hard limit, soft limit
+    const uint32_t rows[][4] = {{1, kMiB, kMiB, kMiB},
+                                {kMiB, kMiB, kMiB, kMiB},
+                                {kMiB + 1, kMiB, 2 * kMiB, kMiB},
+                                {kMiB, 1, kMiB, Page()},
+                                {kMiB, 0xFFFFFFFF, kMiB, ~(Page() - 1)}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(testing::Message() << "limits " << row[0] << ", " << row[1]);
+        LumRegion *region = Create(row[0], row[1]);
+        EXPECT_EQ(region->hard_limit, row[2]);
+        EXPECT_EQ(region->soft_limit, row[3]);
+        EXPECT_EQ(region->used, (2088 + Page() - 1) & ~(Page() - 1));
+        EXPECT_EQ(region->committed, kMiB);
     }
-    EXPECT_EQ(region->committed, 2 * kMiB);
-    ASSERT_EQ(_LumImageSetSize(region, 3 * kMiB), 0);
-    for (uint32_t at = 2 * kMiB; at < 3 * kMiB; at += 4096)
-        ASSERT_EQ(region->base[at], 0) << "at " << at;
 }
 
-TEST_F(RegionTest, SizeZeroDecommitsEverything) {
-    LumRegion *region = Create(4 * kMiB, 4 * kMiB);
-    ASSERT_EQ(_LumImageSetSize(region, 2 * kMiB), 0);
-    ASSERT_EQ(_LumImageSetSize(region, 0), 0);
-    EXPECT_EQ(region->used, 0u);
-    EXPECT_EQ(region->committed, 0u);
-    EXPECT_TRUE(lumtest::FaultsInChild([&] { region->base[0] = 1; }));
-    ASSERT_EQ(_LumImageSetSize(region, Page()), 0) << "the region can grow again";
+// A size rounds up to a page and may reach the soft limit but not pass it
+// (a refusal that is reported). The committed range follows in whole MiB,
+// through one platform call and only when it must move, and never past the
+// reservation.
+TEST_F(RegionTest, SetSizeMovesTheCommittedRangeInWholeMiB) {
+    struct Row {
+        const char *what;
+        uint32_t hard_mib, soft_mib, from, size; // from 0: the new region's size
+        int32_t rc;
+        uint32_t used, committed;
+    };
+    const uint32_t page = Page(), mib = kMiB;
+    const Row rows[] = {
+        {"the present size", 4, 4, 0, page, 0, page, mib},
+        {"up to the first MiB", 4, 4, 0, mib, 0, mib, mib},
+        {"a page past it", 4, 4, 0, mib + page, 0, mib + page, 2 * mib},
+        {"rounded to a page", 4, 4, 0, 3 * page + 1, 0, 4 * page, mib},
+        {"the soft limit", 4, 2, 0, 2 * mib, 0, 2 * mib, 2 * mib},
+        {"a byte past it", 4, 2, 2 * mib, 2 * mib + 1, LUM_RC_SOFT_LIMIT, 2 * mib, 2 * mib},
+        {"near 4 GiB, not wrapped", 4, 4, 0, 0xFFFFFFFF, LUM_RC_SOFT_LIMIT, page, mib},
+        {"the hard limit, under the soft", 2, 8, 0, 2 * mib, 0, 2 * mib, 2 * mib},
+        {"past the hard limit", 2, 8, 2 * mib, 2 * mib + 1, LUM_RC_EXTEND, 2 * mib, 2 * mib},
+        {"shrinking", 8, 8, 3 * mib, mib + page, 0, mib + page, 2 * mib},
+        {"zero", 4, 4, 2 * mib, 0, 0, 0, 0},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        LumRegion *region = Create(row.hard_mib * mib, row.soft_mib * mib);
+        ASSERT_EQ(row.from ? _LumImageSetSize(region, row.from) : 0, 0);
+        uint32_t committed = region->committed;
+        VmRecorder vm;
+        LogCapture log;
+        EXPECT_EQ(_LumImageSetSize(region, row.size), row.rc);
+        EXPECT_EQ(region->used, row.used);
+        EXPECT_EQ(region->committed, row.committed);
+        uint32_t low = std::min(committed, row.committed),
+                 high = std::max(committed, row.committed);
+        EXPECT_EQ(vm.commits.size() + vm.decommits.size(), low != high ? 1u : 0u);
+        for (const auto &call : row.committed > committed ? vm.commits : vm.decommits) {
+            EXPECT_EQ(call.address, region->base + low);
+            EXPECT_EQ(call.length, high - low);
+        }
+        auto reports = log.Find(2, 29);
+        EXPECT_EQ(reports.size(), row.rc == LUM_RC_SOFT_LIMIT ? 1u : 0u);
+        EXPECT_EQ(log.Records().size(), reports.size());
+        for (const auto &report : reports) {
+            EXPECT_EQ(report.severity, 4);
+            EXPECT_EQ(report.text, "Soft limit exceeded for region : test");
+        }
+        Close(region);
+    }
 }
 
-TEST_F(RegionTest, FailedDecommitIsReportedAndTheShrinkGoesOn) {
+// A failed commit changes nothing and is not reported; a failed decommit
+// is reported and the shrink goes on.
+TEST_F(RegionTest, FailedCommitChangesNothingAndFailedDecommitIsIgnored) {
     LumRegion *region = Create(4 * kMiB, 4 * kMiB);
     ASSERT_EQ(_LumImageSetSize(region, 3 * kMiB), 0);
     VmRecorder vm;
-    vm.fail_decommit = true;
     LogCapture log;
+    vm.fail_commit = true;
+    EXPECT_EQ(_LumImageSetSize(region, 3 * kMiB + 1), LUM_RC_EXTEND);
+    EXPECT_EQ(region->used, 3 * kMiB);
+    EXPECT_EQ(region->committed, 3 * kMiB);
+    EXPECT_TRUE(log.Records().empty());
+    vm.fail_decommit = true;
     EXPECT_EQ(_LumImageSetSize(region, Page()), 0);
     EXPECT_EQ(region->used, Page());
     EXPECT_EQ(region->committed, kMiB);
@@ -151,30 +106,27 @@ TEST_F(RegionTest, FailedDecommitIsReportedAndTheShrinkGoesOn) {
     snprintf(expected, sizeof expected, "VF error %p %u %u", static_cast<void *>(region->base),
              3 * kMiB, kMiB);
     EXPECT_EQ(reports[0].text, expected);
-    vm.fail_decommit = false;
+    vm.fail_commit = vm.fail_decommit = false;
     EXPECT_EQ(_LumImageSetSize(region, 3 * kMiB), 0) << "a later commit of the range works";
 }
 
+// The soft limit may be set from the used size up to the hard limit; an
+// unrounded one stops sizes at its last whole page.
 TEST_F(RegionTest, SetSoftLimitAcceptsBothBoundsAndRefusesBeyond) {
-    LumRegion *region = Create(4 * kMiB, 2 * kMiB);
-    ASSERT_EQ(_LumImageSetSize(region, kMiB), 0);
-    EXPECT_EQ(LumRegionSetSoftLimit(region, 4 * kMiB + 1), LUM_RC_SOFT_ABOVE_HARD);
-    EXPECT_EQ(LumRegionSetSoftLimit(region, kMiB - 1), LUM_RC_SOFT_BELOW_USED);
-    EXPECT_EQ(region->soft_limit, 2 * kMiB);
-    EXPECT_EQ(LumRegionSetSoftLimit(region, kMiB), 0);
-    EXPECT_EQ(LumRegionSetSoftLimit(region, 4 * kMiB), 0);
-}
-
-TEST_F(RegionTest, UnroundedSoftLimitStopsAtTheLastWholePage) {
     LumRegion *region = Create(4 * kMiB, 2 * kMiB);
     ASSERT_EQ(LumRegionSetSoftLimit(region, 3 * Page() - 1), 0);
     EXPECT_EQ(_LumImageSetSize(region, 2 * Page()), 0);
     EXPECT_EQ(_LumImageSetSize(region, 2 * Page() + 1), LUM_RC_SOFT_LIMIT);
+    EXPECT_EQ(LumRegionSetSoftLimit(region, 4 * kMiB + 1), LUM_RC_SOFT_ABOVE_HARD);
+    EXPECT_EQ(LumRegionSetSoftLimit(region, 2 * Page() - 1), LUM_RC_SOFT_BELOW_USED);
+    EXPECT_EQ(region->soft_limit, 3 * Page() - 1) << "a refusal changes nothing";
+    EXPECT_EQ(LumRegionSetSoftLimit(region, 2 * Page()), 0);
+    EXPECT_EQ(LumRegionSetSoftLimit(region, 4 * kMiB), 0);
 }
 
 // Each allocation and each reservation of _LumImageCreate may fail; every
 // failure leaves nothing behind (the asan preset checks for leaks) and no
-// handle out.
+// handle out, and a create after it succeeds.
 TEST(ImageCreate, EveryFailureUndoesWhatWasDone) {
     for (uint32_t nth = 1; nth <= 3; ++nth) {
         LumRegion *region = reinterpret_cast<LumRegion *>(1);
@@ -184,26 +136,21 @@ TEST(ImageCreate, EveryFailureUndoesWhatWasDone) {
             << "allocation " << nth;
         EXPECT_EQ(region, nullptr);
     }
-    PlatformGuard guard;
-    lum_platform.reserve = [](size_t) -> void * { return nullptr; };
     LumRegion *region = reinterpret_cast<LumRegion *>(1);
-    EXPECT_EQ(_LumImageCreate("fail", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, &region),
-              LUM_RC_RESERVE);
-    EXPECT_EQ(region, nullptr);
-}
-
-TEST(ImageCreate, FailedCreateIsRetriedCleanly) {
-    LumRegion *region = nullptr;
-    void *base = nullptr;
     {
-        MallocFailure failure(1);
-        EXPECT_EQ(LumRegionCreate("retry", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, &region,
-                                  &base),
-                  LUM_RC_NO_MEMORY);
+        PlatformGuard guard;
+        lum_platform.reserve = [](size_t) -> void * { return nullptr; };
+        EXPECT_EQ(_LumImageCreate("fail", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, &region),
+                  LUM_RC_RESERVE);
+        EXPECT_EQ(region, nullptr);
     }
-    ASSERT_EQ(
-        LumRegionCreate("retry", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, &region, &base),
-        0);
+    void *base = nullptr;
+    for (int32_t rc : {LUM_RC_NO_MEMORY, 0}) {
+        MallocFailure failure(rc == 0 ? 0 : 1); // 0: none
+        ASSERT_EQ(LumRegionCreate("retry", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, &region,
+                                  &base),
+                  rc);
+    }
     EXPECT_EQ(base, region->base);
     EXPECT_EQ(LumRegionClose(region), 0);
 }

@@ -46,9 +46,14 @@ TEST_F(RegionTest, NewHeaderHasEmptyBinsAndTheTaggedPageSize) {
         ASSERT_EQ(base[at], 0) << "the gap up to the first extent at " << at;
 }
 
+// Info shows the handle and the image. A volatile region refuses a change of
+// checkpointing, and a drop while segments remain.
 TEST_F(RegionTest, GetInfoReportsTheHandleAndTheImage) {
     LumRegion *region = Create(3 * kMiB, 2 * kMiB, 0, "info");
+    EXPECT_EQ(LumRegionSetCheckpointing(region, 0), LUM_RC_FAILURE);
     ImageStore32(region->base + region_header::kSegmentCount, 5);
+    EXPECT_EQ(LumRegionDrop(region), LUM_RC_SEGMENTS_REMAIN);
+    EXPECT_GE(RegistrySlotOf(region), 0) << "still open and registered";
     LumRegionInfo info;
     memset(&info, 0xEE, sizeof info);
     LumRegionGetInfo(region, &info);
@@ -64,10 +69,14 @@ TEST_F(RegionTest, GetInfoReportsTheHandleAndTheImage) {
     ImageStore32(region->base + region_header::kSegmentCount, 0);
 }
 
-TEST_F(RegionTest, VolatileTypesIgnoreTheDirectory) {
+// The longest name is kept; volatile types ignore the directory and have no
+// files.
+TEST_F(RegionTest, VolatileTypesKeepTheLongestNameAndIgnoreTheDirectory) {
+    std::string name(LUM_REGION_NAME_MAX, 'n');
     for (int32_t type : {LUM_REGION_VOLATILE, LUM_REGION_SCRATCH}) {
         LumRegion *region;
-        ASSERT_EQ(CreateNamed("scratch", type, "./relative/", &region), 0);
+        ASSERT_EQ(CreateNamed(name.c_str(), type, "./relative/", &region), 0);
+        EXPECT_EQ(std::string(region->name), name);
         EXPECT_STREQ(region->directory, "");
         EXPECT_EQ(region->type, type);
         for (int parity = 0; parity < 2; ++parity) {
@@ -80,7 +89,7 @@ TEST_F(RegionTest, VolatileTypesIgnoreTheDirectory) {
 
 TEST(RegionCreate, BadArgumentsAreRefusedAndCreateNothing) {
     LumRegion *region = reinterpret_cast<LumRegion *>(1);
-    void *base = nullptr;
+    void *base = reinterpret_cast<void *>(1);
     std::string long_name(LUM_REGION_NAME_MAX + 1, 'n');
     std::string long_directory(kPathBufferSize - LUM_REGION_NAME_MAX - 7, 'd');
     EXPECT_EQ(CreateNamed(nullptr, LUM_REGION_VOLATILE, nullptr, &region), LUM_RC_FAILURE);
@@ -88,30 +97,25 @@ TEST(RegionCreate, BadArgumentsAreRefusedAndCreateNothing) {
               LUM_RC_FAILURE);
     for (int32_t type : {0, 4, -1})
         EXPECT_EQ(CreateNamed("t", type, "/tmp/", &region), LUM_RC_FAILURE) << "type " << type;
-    EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, nullptr, &region), LUM_RC_FAILURE);
-    EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, ".", &region), LUM_RC_FAILURE);
-    EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, "./data/", &region), LUM_RC_FAILURE);
+    for (const char *directory : {static_cast<const char *>(nullptr), ".", "./data/"})
+        EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, directory, &region), LUM_RC_FAILURE);
     long_name.pop_back();
     EXPECT_EQ(
         CreateNamed(long_name.c_str(), LUM_REGION_PERSISTENT, long_directory.c_str(), &region),
         LUM_RC_FAILURE)
         << "directory, name and .tabnew must fit a path";
+    EXPECT_EQ(LumRegionCreate("v", LUM_REGION_VOLATILE, 0, kMiB, 0, 0, nullptr, &region, &base),
+              LUM_RC_RESERVE)
+        << "a zero hard limit cannot be reserved";
     EXPECT_EQ(LumRegionCreate("v", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, nullptr, &base),
               LUM_RC_FAILURE);
     EXPECT_EQ(
         LumRegionCreate("v", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, &region, nullptr),
         LUM_RC_FAILURE);
-    EXPECT_EQ(region, reinterpret_cast<LumRegion *>(1));
+    EXPECT_EQ(region, reinterpret_cast<LumRegion *>(1)) << "out words stay untouched on failure";
+    EXPECT_EQ(base, reinterpret_cast<void *>(1));
     for (LumRegion *slot : region_registry)
         EXPECT_EQ(slot, nullptr);
-}
-
-TEST(RegionCreate, LongestNameIsAccepted) {
-    std::string name(LUM_REGION_NAME_MAX, 'n');
-    LumRegion *region;
-    ASSERT_EQ(CreateNamed(name.c_str(), LUM_REGION_VOLATILE, nullptr, &region), 0);
-    EXPECT_EQ(std::string(region->name), name);
-    EXPECT_EQ(LumRegionClose(region), 0);
 }
 
 TEST(RegionHandle, NullHandlesAndOutPointersAreRefused) {
@@ -129,12 +133,6 @@ TEST(RegionHandle, NullHandlesAndOutPointersAreRefused) {
     EXPECT_EQ(LumRegionArgMgrInitialise(nullptr), LUM_RC_FAILURE);
 }
 
-TEST_F(RegionTest, CheckpointingCannotBeSetOnAVolatileRegion) {
-    LumRegion *region = Create(kMiB, kMiB);
-    EXPECT_EQ(LumRegionSetCheckpointing(region, 0), LUM_RC_FAILURE);
-    EXPECT_EQ(region->checkpointing.load(), 1);
-}
-
 TEST_F(RegionTest, UsedBytesSumsTheSegmentsOfTheMap) {
     LumRegion *region = Create(kMiB, kMiB);
     EXPECT_EQ(LumRegionGetUsedBytes(region), 0u);
@@ -147,14 +145,6 @@ TEST_F(RegionTest, UsedBytesSumsTheSegmentsOfTheMap) {
     EXPECT_EQ(LumRegionGetUsedBytes(region), 123u);
     ImageStore32(map + 4 * 5, 0xFFFFF000); // damaged: beyond the image
     EXPECT_EQ(LumRegionGetUsedBytes(region), 123u);
-}
-
-TEST_F(RegionTest, DropIsRefusedWhileSegmentsRemain) {
-    LumRegion *region = Create(kMiB, kMiB);
-    ImageStore32(region->base + region_header::kSegmentCount, 1);
-    EXPECT_EQ(LumRegionDrop(region), LUM_RC_SEGMENTS_REMAIN);
-    EXPECT_GE(RegistrySlotOf(region), 0) << "still open and registered";
-    ImageStore32(region->base + region_header::kSegmentCount, 0);
 }
 
 TEST(Registry, SlotsAreReusedAndTheRegionBeyondTheTableStillWorks) {
@@ -179,19 +169,15 @@ TEST(Registry, SlotsAreReusedAndTheRegionBeyondTheTableStillWorks) {
         EXPECT_EQ(slot, nullptr);
 }
 
-TEST_F(RegionTest, CheckpointPassHoldsAReferenceOnlyDuringItsVisit) {
-    LumRegion *region = Create(kMiB, kMiB);
-    EXPECT_EQ(RefCount(region), 1u);
-    _LumCheckpointPass();
-    EXPECT_EQ(RefCount(region), 1u);
-}
-
-// A close that comes while the checkpoint thread visits the region waits for
-// the visit, so the host's reference is the last and the handle is gone on
-// return. The visit is held in place by taking the region's mutex first.
+// A checkpoint pass holds a reference only while it visits a region. A
+// close that comes during the visit waits for it, so the host's reference is
+// the last and the handle is gone on return. The visit is held in place by
+// taking the region's mutex first.
 TEST(RegionClose, WaitsForAVisitInProgress) {
     LumRegion *region;
     ASSERT_EQ(CreateNamed("visited", LUM_REGION_VOLATILE, nullptr, &region), 0);
+    _LumCheckpointPass();
+    EXPECT_EQ(RefCount(region), 1u) << "the pass let go of the region";
     LumMutexLock(region->mutex);
     std::thread pass(_LumCheckpointPass);
     while (RefCount(region) != 2)

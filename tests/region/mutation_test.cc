@@ -1,8 +1,8 @@
 // The logged write path: compare-before-write, the record each operation
 // leaves, and the protection calls around the store.
-#include <cmath>
 #include <cstring>
 #include <limits>
+#include <tuple>
 
 #include "persistent_fixture.h"
 
@@ -23,13 +23,7 @@ class MutationTest : public PersistentTest {
 
     // The records in the buffer behind its opening LOG_SIZE.
     std::vector<ParsedRecord> Buffered() const {
-        LogBuffer *buffer = region_->log_buffer;
-        std::vector<uint8_t> bytes(file_header::kSize, 0);
-        bytes.insert(bytes.end(), buffer->data, buffer->data + buffer->used);
-        auto records = ParseLog(bytes);
-        if (!records.empty() && records[0].type == LOG_SIZE)
-            records.erase(records.begin());
-        return records;
+        return BufferRecords(region_, log_record::kHeadSize);
     }
 
     bool PageDirty(uint32_t page) const {
@@ -42,122 +36,84 @@ class MutationTest : public PersistentTest {
     uint8_t *target_ = nullptr;
 };
 
-TEST_F(MutationTest, UnchangedValueLeavesBufferMapsAndProtectionAlone) {
-    VmRecorder vm;
-    region_protect_all = 1;
-    LumMemLogCpyInt(&segment_, target_, 0);
-    LumMemLogCpyInt64(&segment_, target_, 0);
-    LumMemLogCpyReal(&segment_, target_, 0.0);
-    _LumMemWriteWord(&segment_, target_, 0);
-    region_protect_all = 0;
-    EXPECT_EQ(region_->log_buffer->used, 0u);
-    EXPECT_FALSE(PageDirty(1));
-    EXPECT_TRUE(vm.protects.empty());
-}
-
-TEST_F(MutationTest, ChangedValueIsStoredLoggedAndMarked) {
+TEST_F(MutationTest, ChangedValuesAreStoredLoggedInTheirOwnWidthAndMarked) {
     LumMemLogCpyInt(&segment_, target_, -5);
-    EXPECT_EQ(ImageLoad32(target_), static_cast<uint32_t>(-5));
+    LumMemLogCpyShort(&segment_, target_ + 4, -2);
+    LumMemLogCpyUShort(&segment_, target_ + 6, 0xFFFE);
+    LumMemLogCpyUnsigned64(&segment_, target_ + 8, 0x0102030405060708ull);
+    LumMemLogCpyUnsigned(&segment_, target_ + 16, 7);
+    LumMemLogCpyLong(&segment_, target_ + 20, 8);
+    LumMemLogCpyBoolean(&segment_, target_ + 24, 1);
+    LumMemLogCpyUTC(&segment_, target_ + 28, 1700000000);
+    LumMemLogCpyfint_t(&segment_, target_ + 32, 9);
+    LumMemLogCpyInt64(&segment_, target_ + 36, 0x0000000100000000ll); // only the high half differs
     auto records = Buffered();
-    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(LengthsOf(records), (std::vector<uint32_t>{4, 2, 2, 8, 4, 4, 4, 4, 4, 8}));
     EXPECT_EQ(records[0].type, static_cast<uint32_t>(LOG_DATA));
-    EXPECT_EQ(records[0].length, 4u);
     EXPECT_EQ(records[0].value, Page() + 8);
     EXPECT_EQ(ImageLoad32(records[0].payload.data()), static_cast<uint32_t>(-5));
+    EXPECT_EQ(region_->log_buffer->used, 12u + 16 + 16 + 16 + 20 + 5 * 16 + 20)
+        << "2 bytes take 16";
+    EXPECT_EQ(ImageLoad32(target_), static_cast<uint32_t>(-5));
+    uint64_t stored;
+    memcpy(&stored, target_ + 8, 8);
+    EXPECT_EQ(stored, 0x0102030405060708ull);
+    EXPECT_EQ(ImageLoad32(target_ + 36), 0u);
+    EXPECT_EQ(ImageLoad32(target_ + 40), 1u);
     EXPECT_TRUE(PageDirty(1));
     EXPECT_FALSE(PageDirty(0));
-}
-
-TEST_F(MutationTest, EachWidthLogsItsOwnBytes) {
-    LumMemLogCpyShort(&segment_, target_, -2);
-    LumMemLogCpyUShort(&segment_, target_ + 2, 0xFFFE);
-    LumMemLogCpyUnsigned64(&segment_, target_ + 4, 0x0102030405060708ull);
-    LumMemLogCpyUnsigned(&segment_, target_ + 12, 7);
-    LumMemLogCpyLong(&segment_, target_ + 16, 8);
-    LumMemLogCpyBoolean(&segment_, target_ + 20, 1);
-    LumMemLogCpyUTC(&segment_, target_ + 24, 1700000000);
-    LumMemLogCpyfint_t(&segment_, target_ + 28, 9);
-    auto records = Buffered();
-    ASSERT_EQ(records.size(), 8u);
-    const uint32_t lengths[] = {2, 2, 8, 4, 4, 4, 4, 4};
-    for (size_t i = 0; i < records.size(); ++i)
-        EXPECT_EQ(records[i].length, lengths[i]) << "record " << i;
-    EXPECT_EQ(region_->log_buffer->used, 12u + 16 + 16 + 20 + 5 * 16) << "2 bytes take 16";
-    uint64_t stored;
-    memcpy(&stored, target_ + 4, 8);
-    EXPECT_EQ(stored, 0x0102030405060708ull);
-    LumMemLogCpyUShort(&segment_, target_, 0xFFFE); // the same 16 bits as -2
-    EXPECT_EQ(Buffered().size(), 8u);
-}
-
-TEST_F(MutationTest, Int64WithOnlyTheHighHalfChangedIsOneRecordOfEight) {
-    LumMemLogCpyInt64(&segment_, target_, 0x0000000100000000ll);
-    auto records = Buffered();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].length, 8u);
-    EXPECT_EQ(ImageLoad32(target_), 0u);
-    EXPECT_EQ(ImageLoad32(target_ + 4), 1u);
+    LumMemLogCpyUShort(&segment_, target_ + 4, 0xFFFE); // the same 16 bits as -2
+    EXPECT_EQ(Buffered().size(), 10u);
 }
 
 TEST_F(MutationTest, RealStoresOnlyForGreaterOrLess) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    struct Row {
-        double value, current;
-        bool stored;
-    };
-    const Row rows[] = {{1.5, 2.5, true},   {1.5, 1.5, false}, {-0.0, 0.0, false},
-                        {nan, 1.0, false},  {1.0, nan, false}, {nan, nan, false},
-                        {-nan, 0.0, false}, {2.0, -nan, false}};
-    for (const Row &row : rows) {
-        memcpy(target_, &row.current, 8);
+    // The value, the current one, and whether the value is stored.
+    const std::tuple<double, double, bool> rows[] = {
+        {1.5, 2.5, true},  {1.5, 1.5, false}, {-0.0, 0.0, false}, {nan, 1.0, false},
+        {1.0, nan, false}, {nan, nan, false}, {-nan, 0.0, false}, {2.0, -nan, false}};
+    for (auto [value, current, stored] : rows) {
+        memcpy(target_, &current, 8);
         uint32_t before = region_->log_buffer->used;
-        LumMemLogCpyReal(&segment_, target_, row.value);
-        double now;
-        memcpy(&now, target_, 8);
-        EXPECT_EQ(region_->log_buffer->used != before, row.stored)
-            << row.value << " over " << row.current;
-        if (row.stored) {
-            EXPECT_EQ(now, row.value);
-        } else {
-            EXPECT_EQ(memcmp(&now, &row.current, 8), 0) << "memory untouched";
-        }
+        LumMemLogCpyReal(&segment_, target_, value);
+        EXPECT_EQ(region_->log_buffer->used != before, stored) << value << " over " << current;
+        const double &expected = stored ? value : current;
+        EXPECT_EQ(memcmp(target_, &expected, 8), 0) << value << " over " << current;
     }
 }
 
-TEST_F(MutationTest, BlockOperationsAlwaysLogAndZeroLengthsReturnAtOnce) {
+TEST_F(MutationTest, BlockAndChunkLogsAlwaysLogWhileNoLogAndZeroLengthsAppendNothing) {
     uint8_t same[16];
     memcpy(same, target_, sizeof same);
     EXPECT_EQ(LumMemLogCpy(&segment_, target_, same, sizeof same), target_);
     EXPECT_EQ(LumMemLogSet(&segment_, target_ + 16, 0xAB, 3), target_ + 16);
-    auto records = Buffered();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].length, 16u);
-    EXPECT_EQ(records[1].length, 3u);
     EXPECT_EQ(target_[18], 0xAB);
+    // A chunk of 64 bytes: head tag at the chunk, the pointer 4 bytes on.
+    uint8_t *chunk = target_ + 64;
+    ImageStore32(chunk, 64);
+    ImageStore32(chunk + 60, 64);
+    LumMemLog(&segment_, chunk + 4);
+    auto records = Buffered();
+    EXPECT_EQ(LengthsOf(records), (std::vector<uint32_t>{16, 3, 64}));
+    EXPECT_EQ(records[2].value, static_cast<uint32_t>(chunk - region_->base)) << "from its head";
     uint32_t used = region_->log_buffer->used;
+    LumMemNoLog(&segment_, chunk + 4);
     EXPECT_EQ(LumMemLogCpy(&segment_, target_, same, 0), target_);
     EXPECT_EQ(LumMemLogSet(&segment_, target_, 1, 0), target_);
     EXPECT_EQ(region_->log_buffer->used, used);
     EXPECT_EQ(LumMemLogCpy(nullptr, target_, same, 4), nullptr);
 }
 
-TEST_F(MutationTest, MemLogCarriesTheWholeChunkFromItsHeadTag) {
-    // A chunk of 64 bytes: head tag at the chunk, the pointer 4 bytes on.
-    uint8_t *chunk = target_ + 4;
-    ImageStore32(chunk, 64);
-    ImageStore32(chunk + 60, 64);
-    LumMemLog(&segment_, chunk + 4);
-    auto records = Buffered();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].length, 64u);
-    EXPECT_EQ(records[0].value, static_cast<uint32_t>(chunk - region_->base));
-    LumMemNoLog(&segment_, chunk + 4);
-    EXPECT_EQ(Buffered().size(), 1u);
-}
-
-TEST_F(MutationTest, ProtectedRegionOpensAndClosesTheTargetPageAroundTheStore) {
+TEST_F(MutationTest, UnchangedValueTouchesNothingAndAChangeOpensAndClosesItsPage) {
     region_protect_all = 1;
     VmRecorder vm;
+    LumMemLogCpyInt(&segment_, target_, 0);
+    LumMemLogCpyInt64(&segment_, target_, 0);
+    LumMemLogCpyReal(&segment_, target_, 0.0);
+    _LumMemWriteWord(&segment_, target_, 0);
+    EXPECT_EQ(region_->log_buffer->used, 0u);
+    EXPECT_FALSE(PageDirty(1));
+    EXPECT_TRUE(vm.protects.empty());
     LumMemLogCpyInt(&segment_, target_, 3);
     region_protect_all = 0;
     ASSERT_EQ(vm.protects.size(), 2u);
@@ -168,16 +124,15 @@ TEST_F(MutationTest, ProtectedRegionOpensAndClosesTheTargetPageAroundTheStore) {
     _LumPageUnprotect(region_, target_, 4); // for the fixture's own writes
 }
 
-TEST(VolatileMutation, ProtectionCallsAreMadeAndNothingIsLogged) {
-    LumRegion *region;
-    void *base;
-    ASSERT_EQ(LumRegionCreate("v", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 1, nullptr, &region, &base),
-              0);
+class VolatileMutation : public RegionTest {};
+
+TEST_F(VolatileMutation, ProtectionCallsAreMadeAndNothingIsLogged) {
+    LumRegion *region = Create(kMiB, kMiB, /*protect=*/1);
     LumSegment segment{region, nullptr};
     VmRecorder vm;
     LumMemLogCpyInt(&segment, region->base + 100, 42);
     EXPECT_EQ(ImageLoad32(region->base + 100), 42u);
     EXPECT_EQ(vm.protects.size(), 2u);
     EXPECT_EQ(LumRegionCommit(region), 0);
-    EXPECT_EQ(LumRegionClose(region), 0);
+    Close(region);
 }

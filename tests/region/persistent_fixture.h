@@ -2,6 +2,7 @@
 // the files they leave: file headers and the records of a log.
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,23 @@ inline std::vector<ParsedRecord> ParseLog(const std::vector<uint8_t> &bytes) {
         at += size;
     }
     return records;
+}
+
+// The records in a region's log buffer from byte `from` on.
+inline std::vector<ParsedRecord> BufferRecords(const LumRegion *region, uint32_t from = 0) {
+    const LogBuffer *buffer = region->log_buffer;
+    std::vector<uint8_t> bytes(file_header::kSize, 0);
+    bytes.insert(bytes.end(), buffer->data + std::min(from, buffer->used),
+                 buffer->data + buffer->used);
+    return ParseLog(bytes);
+}
+
+// The lengths of `records`, in order.
+inline std::vector<uint32_t> LengthsOf(const std::vector<ParsedRecord> &records) {
+    std::vector<uint32_t> lengths;
+    for (const ParsedRecord &record : records)
+        lengths.push_back(record.length);
+    return lengths;
 }
 
 class PersistentTest : public RegionTest {

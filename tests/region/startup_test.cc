@@ -2,9 +2,9 @@
 // test does its work in a forked child and reports through its exit code
 // (0 for success, the failing check's line otherwise).
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
@@ -25,11 +25,29 @@ namespace {
         }                                                                                          \
     } while (0)
 
-LumPropMgr *InitialisedProperties() {
+// A property manager, with the library's properties defined or not.
+LumPropMgr *Properties(bool defined = true) {
     LumPropMgr *properties = nullptr;
     LumPropMgrCreate(&properties);
-    LumRegionPropMgrInitialise(properties);
+    if (defined)
+        LumRegionPropMgrInitialise(properties);
     return properties;
+}
+
+// Properties from a command line that sets every switch to the opposite of
+// its default. The parse must leave the host's own argument; when it does
+// not, this gives no properties, so the defaults, and the start's row fails.
+LumPropMgr *PropertiesFromOptions() {
+    LumPropMgr *properties = Properties();
+    LumArgMgr *arguments = nullptr;
+    char program[] = "host", verify[] = "-regionnoverifyonrecovery",
+         protect[] = "-regionprotectall", check[] = "-regionmutationcheck", own[] = "-own";
+    char *argv[] = {program, verify, own, protect, check, nullptr};
+    int argc = 5;
+    bool parsed = LumArgMgrCreate(properties, &arguments) == 0 &&
+                  LumRegionArgMgrInitialise(arguments) == 0 &&
+                  LumArgMgrParse(arguments, &argc, argv) == 0;
+    return parsed && argc == 2 && strcmp(argv[1], "-own") == 0 ? properties : nullptr;
 }
 
 bool CheckpointThreadRuns() {
@@ -43,135 +61,98 @@ int32_t CreateVolatile(LumRegion **region) {
                            &base);
 }
 
-void ExpectChildPasses(const std::function<int()> &body) {
-    EXPECT_EQ(ExitCode(RunInChild(body)), 0);
+void ExpectChildPasses(const std::function<int()> &body, const std::string &what = "") {
+    EXPECT_EQ(ExitCode(RunInChild(body)), 0) << what;
 }
 
 } // namespace
 
-TEST(Startup, StartsTheNamedThreadAndStopsIt) {
-    ExpectChildPasses([] {
-        CHILD_CHECK(!CheckpointThreadRuns());
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
-        CHILD_CHECK(region_started == 1);
-        CHILD_CHECK(region_page_size == static_cast<uint32_t>(getpagesize()));
-        CHILD_CHECK(CheckpointThreadRuns());
-        CHILD_CHECK(LumRegionShutdown() == 0);
-        CHILD_CHECK(!CheckpointThreadRuns());
-        return 0;
-    });
-}
-
-TEST(Startup, HomeGetsOneTrailingSeparatorUnlessItHasOne) {
-    const std::pair<const char *, const char *> cases[] = {
-        {"/data", "/data/"}, {"/data/", "/data/"}, {"/data//", "/data//"}, {"", "/"}};
-    for (const auto &[given, wanted] : cases) {
-        const char *home = given, *expected = wanted;
-        ExpectChildPasses([home, expected] {
-            CHILD_CHECK(LumRegionStartup(InitialisedProperties(), home) == 0);
-            CHILD_CHECK(strcmp(region_home, expected) == 0);
-            return 0;
-        });
+// The first start runs the named checkpoint thread, keeps the data directory
+// with one trailing separator added unless it has one, reads the switches,
+// probes the write barrier and registers the result codes' texts. Later
+// starts change nothing; a stop ends the thread.
+TEST(Startup, FirstStartSetsUpTheLibraryUntilItStops) {
+    using Switches = std::array<int32_t, 4>; // barrier, protect all, mutation check, verify
+    enum Source { kDefined, kUndefined, kOptions };
+    struct Row {
+        const char *what, *home;
+        Source properties;
+        const char *kept_home;
+        Switches switches;
+    };
+    const Row rows[] = {
+        {"defaults", "/data", kDefined, "/data/", {1, 0, 0, 1}},
+        {"home ending in a separator", "/data/", kDefined, "/data/", {1, 0, 0, 1}},
+        {"home ending in two", "/data//", kDefined, "/data//", {1, 0, 0, 1}},
+        {"empty home", "", kDefined, "/", {1, 0, 0, 1}},
+        {"properties not defined", "/data", kUndefined, "/data/", {1, 0, 0, 1}},
+        {"options", "/data", kOptions, "/data/", {1, 1, 1, 0}},
+        // Without a barrier every mark sets its bit.
+        {"no write barrier", "/data", kDefined, "/data/", {0, 0, 0, 1}},
+    };
+    const std::pair<int32_t, const char *> texts[] = {
+        {-491, "Invalid chunk"},
+        {-401, "Failed to reserve swap space for region"},
+        {-490, "Extent statistics mismatch"},
+        {-492, "Unknown error -492"}};
+    for (const Row &row : rows) {
+        ExpectChildPasses(
+            [&] {
+                lum_platform.flush_write_buffers =
+                    row.switches[0] ? +[] { return 0; } : +[] { return ENOSYS; };
+                LumPropMgr *properties = row.properties == kOptions
+                                             ? PropertiesFromOptions()
+                                             : Properties(row.properties == kDefined);
+                auto kept = [&] {
+                    return strcmp(region_home, row.kept_home) == 0 &&
+                           Switches{region_write_barrier, region_protect_all, region_mutation_check,
+                                    region_verify_on_recovery} == row.switches;
+                };
+                CHILD_CHECK(!CheckpointThreadRuns() && LumRegionStartup(properties, row.home) == 0);
+                CHILD_CHECK(region_started == 1 && CheckpointThreadRuns() && kept());
+                CHILD_CHECK(region_page_size == static_cast<uint32_t>(getpagesize()));
+                for (auto [rc, text] : texts)
+                    CHILD_CHECK(strcmp(LumRCToString(rc), text) == 0);
+                LumMutex *mutex = region_registry_mutex;
+                lum_platform.flush_write_buffers = // the barrier is probed once
+                    row.switches[0] ? +[] { return ENOSYS; } : +[] { return 0; };
+                CHILD_CHECK(LumRegionStartup(PropertiesFromOptions(), "/second") == 0);
+                CHILD_CHECK(LumRegionStartup(nullptr, nullptr) == 0);
+                CHILD_CHECK(kept() && region_registry_mutex == mutex);
+                CHILD_CHECK(LumRegionShutdown() == 0 && !CheckpointThreadRuns());
+                return 0;
+            },
+            row.what);
     }
 }
 
-TEST(Startup, SecondStartChangesNothing) {
-    ExpectChildPasses([] {
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/first") == 0);
-        LumMutex *mutex = region_registry_mutex;
-        LumPropMgr *other = InitialisedProperties();
-        LumValue on{};
-        on.type = LUM_VALUE_BOOLEAN;
-        on.value.boolean = 1;
-        LumPropMgrSetValue(other, "Region.ProtectAll", &on);
-        CHILD_CHECK(LumRegionStartup(other, "/second") == 0);
-        CHILD_CHECK(LumRegionStartup(nullptr, nullptr) == 0);
-        CHILD_CHECK(strcmp(region_home, "/first/") == 0);
-        CHILD_CHECK(region_protect_all == 0);
-        CHILD_CHECK(region_registry_mutex == mutex);
-        return 0;
-    });
-}
-
-TEST(Startup, StartAfterShutdownLeavesTheLibraryStopped) {
-    ExpectChildPasses([] {
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
-        CHILD_CHECK(LumRegionShutdown() == 0);
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
-        CHILD_CHECK(!CheckpointThreadRuns());
-        LumRegion *region = nullptr;
-        CHILD_CHECK(CreateVolatile(&region) == LUM_RC_FAILURE);
-        CHILD_CHECK(LumRegionShutdown() == 0);
-        return 0;
-    });
-}
-
-TEST(Startup, RegionsNeedAStartedLibrary) {
+// Regions need a running library: not before a start, nor after a refused
+// start, nor after a stop, which a later start does not undo.
+TEST(Startup, RegionsNeedARunningLibrary) {
     ExpectChildPasses([] {
         LumRegion *region = nullptr;
         CHILD_CHECK(CreateVolatile(&region) == LUM_RC_FAILURE);
         CHILD_CHECK(LumRegionShutdown() == 0);
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), nullptr) == LUM_RC_FAILURE);
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), std::string(264, 'h').c_str()) ==
+        CHILD_CHECK(LumRegionStartup(Properties(), nullptr) == LUM_RC_FAILURE);
+        CHILD_CHECK(LumRegionStartup(Properties(), std::string(264, 'h').c_str()) ==
                     LUM_RC_FAILURE);
         CHILD_CHECK(region_started == 0);
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
+        CHILD_CHECK(CreateVolatile(&region) == LUM_RC_FAILURE);
+        CHILD_CHECK(LumRegionStartup(Properties(), "/data") == 0);
         CHILD_CHECK(CreateVolatile(&region) == 0);
         CHILD_CHECK(LumRegionClose(region) == 0);
-        return 0;
-    });
-}
-
-TEST(Startup, WriteBarrierIsProbedOnceAtStart) {
-    ExpectChildPasses([] {
-        lum_platform.flush_write_buffers = [] { return ENOSYS; };
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
-        CHILD_CHECK(region_write_barrier == 0); // every mark then sets its bit
-        return 0;
-    });
-    ExpectChildPasses([] {
-        lum_platform.flush_write_buffers = [] { return 0; };
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
-        CHILD_CHECK(region_write_barrier == 1);
-        return 0;
-    });
-}
-
-TEST(Startup, MissingPropertiesGiveTheDefaults) {
-    ExpectChildPasses([] {
-        LumPropMgr *empty = nullptr;
-        LumPropMgrCreate(&empty);
-        CHILD_CHECK(LumRegionStartup(empty, "/data") == 0);
-        CHILD_CHECK(region_protect_all == 0);
-        CHILD_CHECK(region_mutation_check == 0);
-        CHILD_CHECK(region_verify_on_recovery == 1);
-        return 0;
-    });
-}
-
-TEST(Startup, OptionsAssignTheOppositeOfTheDefault) {
-    ExpectChildPasses([] {
-        LumPropMgr *properties = InitialisedProperties();
-        LumArgMgr *arguments = nullptr;
-        CHILD_CHECK(LumArgMgrCreate(properties, &arguments) == 0);
-        CHILD_CHECK(LumRegionArgMgrInitialise(arguments) == 0);
-        char program[] = "host", verify[] = "-regionnoverifyonrecovery",
-             protect[] = "-regionprotectall", check[] = "-regionmutationcheck", own[] = "-own";
-        char *argv[] = {program, verify, own, protect, check, nullptr};
-        int argc = 5;
-        CHILD_CHECK(LumArgMgrParse(arguments, &argc, argv) == 0);
-        CHILD_CHECK(argc == 2 && strcmp(argv[1], "-own") == 0);
-        CHILD_CHECK(LumRegionStartup(properties, "/data") == 0);
-        CHILD_CHECK(region_verify_on_recovery == 0);
-        CHILD_CHECK(region_protect_all == 1);
-        CHILD_CHECK(region_mutation_check == 1);
+        CHILD_CHECK(LumRegionShutdown() == 0);
+        CHILD_CHECK(LumRegionStartup(Properties(), "/data") == 0);
+        CHILD_CHECK(!CheckpointThreadRuns());
+        CHILD_CHECK(CreateVolatile(&region) == LUM_RC_FAILURE);
+        CHILD_CHECK(LumRegionShutdown() == 0);
         return 0;
     });
 }
 
 TEST(Startup, PropertiesAreDefinedInTheStoreGroupWithTheirDefaults) {
     ExpectChildPasses([] {
-        LumPropMgr *properties = InitialisedProperties();
+        LumPropMgr *properties = Properties();
         const std::pair<const char *, int32_t> rows[] = {
             {"Region.ProtectAll", 0}, {"Region.MutationCheck", 0}, {"Region.VerifyOnRecovery", 1}};
         for (auto [name, value] : rows) {
@@ -184,36 +165,24 @@ TEST(Startup, PropertiesAreDefinedInTheStoreGroupWithTheirDefaults) {
     });
 }
 
-TEST(Startup, ResultCodesHaveTheirTexts) {
-    ExpectChildPasses([] {
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
-        CHILD_CHECK(strcmp(LumRCToString(-491), "Invalid chunk") == 0);
-        CHILD_CHECK(strcmp(LumRCToString(-401), "Failed to reserve swap space for region") == 0);
-        CHILD_CHECK(strcmp(LumRCToString(-490), "Extent statistics mismatch") == 0);
-        CHILD_CHECK(strcmp(LumRCToString(-492), "Unknown error -492") == 0);
-        return 0;
-    });
-}
-
 // Each allocation of the start may fail: the start then returns the
 // runtime's 12 (or goes on, where the catalogue fails), leaves the library
 // not started, and a second attempt succeeds.
 TEST(Startup, EveryAllocationFailureLeavesARetryableLibrary) {
     for (uint32_t nth = 1; nth <= 12; ++nth) {
-        int status = RunInChild([nth] {
-            LumPropMgr *properties = InitialisedProperties();
-            lum_malloc_fail_at(nth);
-            int32_t rc = LumRegionStartup(properties, "/data");
-            lum_malloc_fail_at(0);
-            CHILD_CHECK(rc == 0 || rc == LUM_RC_NO_MEMORY);
-            CHILD_CHECK(region_started == (rc == 0 ? 1 : 0));
-            if (rc != 0) {
-                CHILD_CHECK(LumRegionStartup(properties, "/data") == 0);
-            }
-            CHILD_CHECK(CheckpointThreadRuns());
-            return 0;
-        });
-        EXPECT_EQ(ExitCode(status), 0) << "allocation " << nth;
+        ExpectChildPasses(
+            [nth] {
+                LumPropMgr *properties = Properties();
+                lum_malloc_fail_at(nth);
+                int32_t rc = LumRegionStartup(properties, "/data");
+                lum_malloc_fail_at(0);
+                CHILD_CHECK(rc == 0 || rc == LUM_RC_NO_MEMORY);
+                CHILD_CHECK(region_started == (rc == 0 ? 1 : 0));
+                CHILD_CHECK(rc == 0 || LumRegionStartup(properties, "/data") == 0);
+                CHILD_CHECK(CheckpointThreadRuns());
+                return 0;
+            },
+            "allocation " + std::to_string(nth));
     }
 }
 
@@ -227,48 +196,44 @@ TEST(LoadHook, AnnouncesItselfWhenTheVariableIsSetEvenEmpty) {
     while (fgets(line, sizeof line, child))
         output += line;
     pclose(child);
-    EXPECT_NE(output.find("liblumregion: " LUMREGION_VERSION " **LOADED**\n"), std::string::npos)
-        << output;
-    EXPECT_NE(output.find("liblumregion: " LUMREGION_VERSION " **UNLOADED**\n"), std::string::npos)
-        << output;
+    for (const char *event : {" **LOADED**\n", " **UNLOADED**\n"})
+        EXPECT_NE(output.find("liblumregion: " LUMREGION_VERSION + std::string(event)),
+                  std::string::npos)
+            << output;
 }
 
 TEST(LoadHook, RegistersTheVersionAndTheDebugFacilities) {
     EXPECT_STREQ(LumVersionInfoLookup("liblumregion"), "liblumregion: " LUMREGION_VERSION);
-    ASSERT_EQ(LumDebugFacilitySet("region", 1), 0);
-    EXPECT_EQ(region_debug, 1);
-    ASSERT_EQ(LumDebugFacilitySet("region_mutation", 1), 0);
-    EXPECT_EQ(region_mutation_debug, 1);
-    LumDebugFacilitySet("region", 0);
-    LumDebugFacilitySet("region_mutation", 0);
-    EXPECT_EQ(region_debug, 0);
-}
-
-TEST(CheckpointThread, ReportsItsLoopWhenTheRegionFacilityIsOn) {
-    ExpectChildPasses([] {
-        LumDebugFacilitySet("region", 1);
-        lumtest::LogCapture log;
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
-        CHILD_CHECK(LumRegionShutdown() == 0); // joins the thread
-        std::vector<std::string> texts;
-        for (const auto &record : log.Records()) {
-            CHILD_CHECK(record.severity == 1 && record.set == 2);
-            texts.push_back(record.text);
+    const std::pair<const char *, int32_t *> facilities[] = {
+        {"region", &region_debug}, {"region_mutation", &region_mutation_debug}};
+    for (auto [name, flag] : facilities) {
+        for (int32_t on : {1, 0}) {
+            ASSERT_EQ(LumDebugFacilitySet(name, on), 0) << name;
+            EXPECT_EQ(*flag, on) << name;
         }
-        std::vector<std::string> expected = {"CHKPT: started", "CHKPT: sleeping ...",
-                                             "CHKPT: awake", "CHKPT: told to stop during sleep",
-                                             "CHKPT: stopped"};
-        CHILD_CHECK(texts == expected);
-        return 0;
-    });
+    }
 }
 
-TEST(CheckpointThread, IsSilentWhenTheRegionFacilityIsOff) {
-    ExpectChildPasses([] {
-        lumtest::LogCapture log;
-        CHILD_CHECK(LumRegionStartup(InitialisedProperties(), "/data") == 0);
-        CHILD_CHECK(LumRegionShutdown() == 0);
-        CHILD_CHECK(log.Records().empty());
-        return 0;
-    });
+// The thread reports its loop, at severity 1 in set 2, only while the
+// region facility is on.
+TEST(CheckpointThread, ReportsItsLoopOnlyWhenTheRegionFacilityIsOn) {
+    const std::vector<std::string> loop = {"CHKPT: started", "CHKPT: sleeping ...", "CHKPT: awake",
+                                           "CHKPT: told to stop during sleep", "CHKPT: stopped"};
+    for (int32_t on : {1, 0}) {
+        ExpectChildPasses(
+            [&] {
+                LumDebugFacilitySet("region", on);
+                lumtest::LogCapture log;
+                CHILD_CHECK(LumRegionStartup(Properties(), "/data") == 0);
+                CHILD_CHECK(LumRegionShutdown() == 0); // joins the thread
+                std::vector<std::string> texts;
+                for (const auto &record : log.Records()) {
+                    CHILD_CHECK(record.severity == 1 && record.set == 2);
+                    texts.push_back(record.text);
+                }
+                CHILD_CHECK(texts == (on ? loop : std::vector<std::string>{}));
+                return 0;
+            },
+            on ? "facility on" : "facility off");
+    }
 }

@@ -1,5 +1,7 @@
 // Snapshots: every failure of a sync and what it leaves on disk, and
 // LumRegionSyncAll's checks of its target directory.
+#include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <filesystem>
 
@@ -8,24 +10,23 @@
 using lumtest::FileFaults;
 using lumtest::LogCapture;
 
-namespace {
-
-std::string Upper(std::string text) {
-    for (char &c : text)
-        c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-    return text;
-}
-
-} // namespace
-
+// Every test starts from a region with a snapshot: the image behind a
+// header, forced to disk. A sync leaves the generation alone.
 class SyncTest : public PersistentTest {
   protected:
     void SetUp() override {
         region_ = CreatePersistent();
         ASSERT_EQ(_LumImageSetSize(region_, 2 * Page()), 0);
         Change(region_, Page(), 64, 0x77);
+        FileFaults faults;
         ASSERT_EQ(_LumRegionSync(region_, dir_.path().c_str()), 0);
+        EXPECT_EQ(faults.fsyncs, 1);
         old_tab_ = Read("p.tab");
+        ASSERT_EQ(old_tab_.size(), region_->used);
+        EXPECT_EQ(ImageLoad32(&old_tab_[file_header::kGeneration]), 1u);
+        EXPECT_EQ(memcmp(&old_tab_[32], region_->base + 32, region_->used - 32), 0);
+        EXPECT_EQ(region_->sync_failed, 0);
+        EXPECT_EQ(region_->generation.load(), 0u);
     }
     void TearDown() override {
         if (region_) {
@@ -33,77 +34,54 @@ class SyncTest : public PersistentTest {
         }
     }
 
-    // Syncs with a fault and checks the result, the report and the files.
-    void ExpectFailedSync(int32_t rc, uint32_t message_id, bool tabnew_stays, bool tab_stays) {
-        LogCapture log;
-        EXPECT_EQ(_LumRegionSync(region_, dir_.path().c_str()), rc);
-        EXPECT_EQ(region_->sync_failed, 1);
-        if (message_id != 0) {
-            EXPECT_EQ(log.Find(2, message_id).size(), 1u);
-        } else {
-            EXPECT_TRUE(log.Records().empty());
-        }
-        EXPECT_EQ(Exists("p.tabnew"), tabnew_stays);
-        EXPECT_EQ(Exists("p.tab"), tab_stays);
-        if (tab_stays) {
-            EXPECT_EQ(Read("p.tab"), old_tab_) << "the old snapshot is intact";
-        }
-        for (const char *file : {"p_0.chk", "p_1.chk", "p_0.log", "p_1.log"})
-            EXPECT_TRUE(Exists(file)) << file;
-    }
-
     LumRegion *region_ = nullptr;
     std::vector<uint8_t> old_tab_;
 };
 
-TEST_F(SyncTest, SnapshotIsTheImageBehindAHeaderAndForcedToDisk) {
-    FileFaults faults;
-    ASSERT_EQ(_LumRegionSync(region_, dir_.path().c_str()), 0);
-    EXPECT_EQ(faults.fsyncs, 1);
-    auto tab = Read("p.tab");
-    ASSERT_EQ(tab.size(), region_->used);
-    EXPECT_EQ(ImageLoad32(&tab[file_header::kGeneration]), 1u);
-    EXPECT_EQ(memcmp(tab.data() + 32, region_->base + 32, region_->used - 32), 0);
-    EXPECT_EQ(region_->sync_failed, 0);
-    EXPECT_EQ(region_->generation.load(), 0u) << "a sync leaves the generation alone";
-}
-
-TEST_F(SyncTest, FailedOpenLeavesTheOldSnapshot) {
-    FileFaults faults;
-    faults.fail_open_suffix = ".tabnew";
-    ExpectFailedSync(EACCES, 21, false, true);
-}
-
-TEST_F(SyncTest, FailedHeaderDeletesTheNewFile) {
-    FileFaults faults;
-    faults.fail_write_at = 1;
-    ExpectFailedSync(ENOSPC, 22, false, true);
-}
-
-TEST_F(SyncTest, FailedBodyDeletesTheNewFile) {
-    FileFaults faults;
-    faults.fail_write_at = 2;
-    ExpectFailedSync(ENOSPC, 23, false, true);
-}
-
-TEST_F(SyncTest, ShortBodyWithoutErrnoGivesGeneralFailure) {
-    FileFaults faults;
-    faults.fail_write_at = 2;
-    faults.short_write = true;
-    errno = 0;
-    ExpectFailedSync(LUM_RC_FAILURE, 23, false, true);
-}
-
-TEST_F(SyncTest, FailedRenameKeepsTheCompleteNewFile) {
-    {
-        FileFaults faults;
-        faults.fail_rename = true;
-        ExpectFailedSync(EXDEV, 0, true, false);
+// Each failing step of a sync gives its result and its report (an id in set
+// 2, or none) and leaves the working files. The old snapshot survives all
+// but a failed rename, which leaves the complete new file instead. The next
+// sync starts again.
+TEST_F(SyncTest, FailedStepKeepsASnapshotAndTheNextSyncStartsAgain) {
+    struct Row {
+        const char *what, *open_suffix;
+        int write_at;
+        bool short_write, rename;
+        int32_t rc;
+        uint32_t report;
+    };
+    const Row rows[] = {
+        {"open", ".tabnew", 0, false, false, EACCES, 21},
+        {"header", "", 1, false, false, ENOSPC, 22},
+        {"body", "", 2, false, false, ENOSPC, 23},
+        {"short body without errno", "", 2, true, false, LUM_RC_FAILURE, 23},
+        {"rename", "", 0, false, true, EXDEV, 0},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        {
+            FileFaults faults;
+            faults.fail_open_suffix = row.open_suffix;
+            faults.fail_write_at = row.write_at;
+            faults.short_write = row.short_write;
+            faults.fail_rename = row.rename;
+            LogCapture log;
+            errno = 0;
+            EXPECT_EQ(_LumRegionSync(region_, dir_.path().c_str()), row.rc);
+            EXPECT_EQ(region_->sync_failed, 1);
+            EXPECT_EQ(log.Records().size(), row.report ? 1u : 0u);
+            EXPECT_EQ(log.Find(2, row.report).size(), row.report ? 1u : 0u);
+        }
+        EXPECT_EQ(Exists("p.tab"), !row.rename);
+        EXPECT_EQ(Exists("p.tabnew"), row.rename);
+        EXPECT_EQ(Read(row.rename ? "p.tabnew" : "p.tab"), old_tab_);
+        for (const char *file : {"p_0.chk", "p_1.chk", "p_0.log", "p_1.log"})
+            EXPECT_TRUE(Exists(file)) << file;
+        ASSERT_EQ(_LumRegionSync(region_, dir_.path().c_str()), 0);
+        EXPECT_FALSE(Exists("p.tabnew"));
+        EXPECT_EQ(region_->sync_failed, 0);
+        EXPECT_EQ(Read("p.tab"), old_tab_);
     }
-    EXPECT_EQ(Read("p.tabnew").size(), region_->used);
-    ASSERT_EQ(_LumRegionSync(region_, dir_.path().c_str()), 0) << "the next sync starts again";
-    EXPECT_FALSE(Exists("p.tabnew"));
-    EXPECT_EQ(region_->sync_failed, 0);
 }
 
 TEST_F(SyncTest, DropAfterAFailedSyncKeepsTheWorkingFilesOnly) {
@@ -120,13 +98,12 @@ TEST_F(SyncTest, DropAfterAFailedSyncKeepsTheWorkingFilesOnly) {
 }
 
 TEST_F(SyncTest, SyncAllRefusesTheDataDirectoryByName) {
-    std::string home = region_home;
-    EXPECT_EQ(LumRegionSyncAll(home.c_str()), LUM_RC_BAD_PATH);
-    EXPECT_EQ(LumRegionSyncAll((home + "///").c_str()), LUM_RC_BAD_PATH);
-    std::string no_separator = home.substr(0, home.size() - 1);
-    EXPECT_EQ(LumRegionSyncAll(no_separator.c_str()), LUM_RC_BAD_PATH);
+    std::string home = region_home, no_separator = home.substr(0, home.size() - 1);
+    for (const std::string &path : {home, home + "///", no_separator})
+        EXPECT_EQ(LumRegionSyncAll(path.c_str()), LUM_RC_BAD_PATH) << path;
     // Another spelling of the same name, where the file system has one.
-    std::string upper = Upper(no_separator);
+    std::string upper = no_separator;
+    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
     std::string parent = upper.substr(0, upper.rfind('/'));
     if (std::filesystem::exists(parent)) {
         std::filesystem::create_directory(upper);
@@ -135,20 +112,13 @@ TEST_F(SyncTest, SyncAllRefusesTheDataDirectoryByName) {
     }
 }
 
-TEST_F(SyncTest, SyncAllCreatesOneMissingLevelAndWritesEverySnapshot) {
-    std::string target = dir_.path() + "snapshots";
-    ASSERT_EQ(LumRegionSyncAll(target.c_str()), 0);
-    auto tab = lumtest::ReadFile(target + "/p.tab");
-    ASSERT_EQ(tab.size(), region_->used);
+TEST_F(SyncTest, SyncAllExpandsTheEnvironmentAndCreatesOneMissingLevel) {
+    setenv("LUM_SYNC_TEST_DIR", dir_.path().c_str(), 1);
+    ASSERT_EQ(LumRegionSyncAll("${LUM_SYNC_TEST_DIR}snapshots"), 0);
+    unsetenv("LUM_SYNC_TEST_DIR");
+    EXPECT_EQ(Read("snapshots/p.tab").size(), region_->used);
     EXPECT_EQ(Read("p.tab"), old_tab_) << "the region's own snapshot is not touched";
     EXPECT_EQ(LumRegionSyncAll((dir_.path() + "missing/twice").c_str()), ENOENT);
-}
-
-TEST_F(SyncTest, SyncAllExpandsTheEnvironment) {
-    setenv("LUM_SYNC_TEST_DIR", dir_.path().c_str(), 1);
-    ASSERT_EQ(LumRegionSyncAll("${LUM_SYNC_TEST_DIR}expanded/"), 0);
-    EXPECT_TRUE(Exists("expanded/p.tab"));
-    unsetenv("LUM_SYNC_TEST_DIR");
 }
 
 TEST_F(SyncTest, SyncAllReturnsTheFirstFailureAndSyncsTheOthers) {
