@@ -8,8 +8,7 @@
 // included, in one record (or LumMemNoLog, which logs nothing).
 #include <cstring>
 
-#include "durable.h"
-#include "layout.h"
+#include "batch.h"
 
 namespace {
 
@@ -34,20 +33,26 @@ LUM_HOT_PATH int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **poin
     LumRegion *region = segment->region;
     uint8_t *stats_at = segment->primary + primary_extent::kStats;
     uint8_t *bins = segment->primary + primary_extent::kChunkBins;
+    ChangeBatch changes(region);
     SegmentStats s;
     memcpy(&s, stats_at, sizeof s);
 
     uint32_t want = ChunkSizeFor(size);
-    uint8_t *found = _LumFreeListFind(region, bins, want);
+    uint8_t *found = FreeListFind(changes, bins, want);
     if (found == nullptr) {
-        if (int32_t rc = _LumSegmentExtend(segment, want, &s, &found); rc != 0)
+        changes.Close();
+        SegmentStats grown = s; // s itself never leaves registers
+        int32_t rc = _LumSegmentExtend(segment, want, &grown, &found);
+        changes.Open();
+        if (rc != 0)
             return rc;
+        s = grown;
         s.free_bytes += ImageLoad32(found) & ~kTagFlags;
         s.free_chunks += 1;
     }
     uint32_t have = ImageLoad32(found) & ~kTagFlags;
     if (have >= want + kSmallestChunk) {
-        RegionChunkRelease(region, bins, found + want, have - want); // the rest
+        RegionChunkRelease(changes, bins, found + want, have - want); // the rest
         have = want;
     } else {
         s.free_chunks -= 1;
@@ -55,10 +60,10 @@ LUM_HOT_PATH int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **poin
     s.free_bytes -= have;
     s.used_chunks += 1;
     s.used_bytes += have;
-    _LumMemCopy(segment, stats_at, &s, sizeof s);
+    StatsWrite(changes, stats_at, s);
     // Last: every protect before works on whole pages and may have closed
     // the chunk's.
-    _LumPageUnprotect(region, found, have);
+    changes.Unprotect(found, have);
     ImageStore32(found, have);
     ImageStore32(found + have - 4, have);
     *pointer = found + 4;

@@ -3,8 +3,7 @@
 // the region when the chunk now fills it. A primary extent stays.
 #include <cstring>
 
-#include "durable.h"
-#include "layout.h"
+#include "batch.h"
 
 namespace {
 
@@ -21,14 +20,14 @@ uint8_t *ExtentOfFirstChunk(uint8_t *chunk) {
 
 } // namespace
 
-void RegionChunkRelease(LumRegion *region, uint8_t *bins, uint8_t *chunk, uint32_t size) {
-    _LumPageUnprotect(region, chunk, size);
+void RegionChunkRelease(ChangeBatch &changes, uint8_t *bins, uint8_t *chunk, uint32_t size) {
+    changes.Unprotect(chunk, size);
     ImageStore32(chunk, size | CHUNK_FREE);
     ImageStore32(chunk + size - 4, size | CHUNK_FREE);
-    _LumFreeListInsert(region, bins, chunk, size);
-    _LumPageProtect(region, chunk, size);
-    _LumImageMarkDirty(region, chunk, 12);
-    _LumImageMarkDirty(region, chunk + size - 4, 4);
+    FreeListInsert(changes, bins, chunk, size);
+    changes.Protect(chunk, size);
+    changes.Mark(chunk, 12);
+    changes.Mark(chunk + size - 4, 4);
 }
 
 LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
@@ -44,6 +43,7 @@ LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
     if (region_mutation_check == 1)
         _LumMutationCheck(segment, pointer, 1);
 
+    ChangeBatch changes(region);
     SegmentStats s;
     memcpy(&s, stats_at, sizeof s);
     s.free_bytes += size;
@@ -54,13 +54,13 @@ LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
     uint8_t *next = chunk + size;
     if (ImageLoad32(next) & CHUNK_FREE) {
         size += TagSize(ImageLoad32(next));
-        _LumFreeListRemove(region, next);
+        FreeListRemove(changes, next);
         s.free_chunks -= 1;
     }
     uint8_t *prev = chunk - TagSize(ImageLoad32(chunk - 4));
     if (ImageLoad32(prev) & CHUNK_FREE) {
         size += TagSize(ImageLoad32(prev));
-        _LumFreeListRemove(region, prev);
+        FreeListRemove(changes, prev);
         chunk = prev;
         s.free_chunks -= 1;
     }
@@ -72,10 +72,14 @@ LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
     if (fills_extent && ImageLoad32(extent + extent_header::kKind) == extent_header::kSecondary) {
         s.free_bytes -= size;
         s.free_chunks -= 1;
-        _LumSegmentShrink(segment, &s, extent);
+        changes.Close();
+        SegmentStats shrunk = s; // s itself never leaves registers
+        _LumSegmentShrink(segment, &shrunk, extent);
+        changes.Open();
+        s = shrunk;
     } else {
-        RegionChunkRelease(region, bins, chunk, size);
+        RegionChunkRelease(changes, bins, chunk, size);
     }
-    _LumMemCopy(segment, stats_at, &s, sizeof s);
+    StatsWrite(changes, stats_at, s);
     return 0;
 }

@@ -22,14 +22,9 @@
 // bins that may hold items (BinSummary), so that a search jumps over empty
 // bins instead of reading every sentinel on its way. An insert sets a bin's
 // bit; a search that finds a bin empty clears it.
-#include "durable.h"
-#include "layout.h"
+#include "batch.h"
 
 namespace {
-
-uint8_t *At(LumRegion *region, RegionOffset offset) {
-    return region->base + offset;
-}
 
 RegionOffset LinkUp(const uint8_t *item) {
     return ImageLoad32(item + bin_array::kLinkUp);
@@ -43,24 +38,24 @@ uint32_t SizeOf(const uint8_t *item) {
 
 // Sets a's link_down to `down_value` and b's link_up to `up_value`, each
 // behind its page protection. The caller marks them with MarkRelinked.
-void Relink(LumRegion *region, uint8_t *a, RegionOffset down_value, uint8_t *b,
+void Relink(ChangeBatch &changes, uint8_t *a, RegionOffset down_value, uint8_t *b,
             RegionOffset up_value) {
-    _LumPageUnprotect(region, a + bin_array::kLinkDown, 4);
-    _LumPageUnprotect(region, b + bin_array::kLinkUp, 4);
+    changes.Unprotect(a + bin_array::kLinkDown, 4);
+    changes.Unprotect(b + bin_array::kLinkUp, 4);
     ImageStore32(a + bin_array::kLinkDown, down_value);
     ImageStore32(b + bin_array::kLinkUp, up_value);
-    _LumPageProtect(region, a + bin_array::kLinkDown, 4);
-    _LumPageProtect(region, b + bin_array::kLinkUp, 4);
+    changes.Protect(a + bin_array::kLinkDown, 4);
+    changes.Protect(b + bin_array::kLinkUp, 4);
 }
 
 // Logs the two links that Relink wrote: one 8-byte record when a and b are
 // the same sentinel, whose two links lie side by side.
-void MarkRelinked(LumRegion *region, uint8_t *a, uint8_t *b) {
+void MarkRelinked(ChangeBatch &changes, uint8_t *a, uint8_t *b) {
     if (a == b) {
-        _LumImageMarkDirty(region, b + bin_array::kLinkUp, 8);
+        changes.Mark(b + bin_array::kLinkUp, 8);
     } else {
-        _LumImageMarkDirty(region, a + bin_array::kLinkDown, 4);
-        _LumImageMarkDirty(region, b + bin_array::kLinkUp, 4);
+        changes.Mark(a + bin_array::kLinkDown, 4);
+        changes.Mark(b + bin_array::kLinkUp, 4);
     }
 }
 
@@ -128,55 +123,70 @@ void _LumFreeListInit(LumRegion *region, uint8_t *bins) {
     }
 }
 
-void _LumFreeListInsert(LumRegion *region, uint8_t *bins, uint8_t *item, uint32_t size) {
+void FreeListInsert(ChangeBatch &changes, uint8_t *bins, uint8_t *item, uint32_t size) {
     uint32_t bin = _LumFreeListIndex(size);
-    NoteFilled(SummaryOf(region, bins), bin);
+    NoteFilled(SummaryOf(changes.region(), bins), bin);
     uint8_t *sentinel = bins + bin_array::SentinelOffset(bin);
     uint8_t *prev = sentinel;
-    uint8_t *cur = At(region, LinkDown(sentinel));
+    uint8_t *cur = changes.At(LinkDown(sentinel));
     // Sorted bins: in front of the first item that is not larger, seen along
     // link_down, so equal sizes leave in the order they came.
     if (size >= 512) {
         while (cur != sentinel && size < SizeOf(cur)) {
             prev = cur;
-            cur = At(region, LinkDown(cur));
+            cur = changes.At(LinkDown(cur));
         }
     }
-    RegionOffset offset = ImageOffsetOf(region, item);
-    Relink(region, prev, offset, cur, offset);
+    RegionOffset offset = changes.OffsetOf(item);
+    Relink(changes, prev, offset, cur, offset);
     // After the protects above, which may have closed the item's own page.
-    _LumPageUnprotect(region, item, 12);
-    MarkRelinked(region, prev, cur);
-    ImageStore32(item + bin_array::kLinkUp, ImageOffsetOf(region, prev));
-    ImageStore32(item + bin_array::kLinkDown, ImageOffsetOf(region, cur));
+    changes.Unprotect(item, 12);
+    MarkRelinked(changes, prev, cur);
+    ImageStore32(item + bin_array::kLinkUp, changes.OffsetOf(prev));
+    ImageStore32(item + bin_array::kLinkDown, changes.OffsetOf(cur));
 }
 
-uint8_t *_LumFreeListFind(LumRegion *region, uint8_t *bins, uint32_t size) {
-    BinSummary *summary = SummaryOf(region, bins);
+uint8_t *FreeListFind(ChangeBatch &changes, uint8_t *bins, uint32_t size) {
+    BinSummary *summary = SummaryOf(changes.region(), bins);
     for (uint32_t i = NextMaybeFilled(summary, _LumFreeListIndex(size)); i < bin_array::kBins;
          i = NextMaybeFilled(summary, i + 1)) {
         uint8_t *sentinel = bins + bin_array::SentinelOffset(i);
         uint8_t *prev = sentinel;
-        uint8_t *cur = At(region, LinkUp(sentinel));
+        uint8_t *cur = changes.At(LinkUp(sentinel));
         if (cur == sentinel)
             NoteEmpty(summary, i);
         while (cur != sentinel && size > SizeOf(cur)) {
             prev = cur;
-            cur = At(region, LinkUp(cur));
+            cur = changes.At(LinkUp(cur));
         }
         if (cur == sentinel)
             continue;
-        uint8_t *next = At(region, LinkUp(cur));
-        Relink(region, next, ImageOffsetOf(region, prev), prev, ImageOffsetOf(region, next));
-        MarkRelinked(region, next, prev);
+        uint8_t *next = changes.At(LinkUp(cur));
+        Relink(changes, next, changes.OffsetOf(prev), prev, changes.OffsetOf(next));
+        MarkRelinked(changes, next, prev);
         return cur;
     }
     return nullptr;
 }
 
+void FreeListRemove(ChangeBatch &changes, uint8_t *item) {
+    uint8_t *up = changes.At(LinkUp(item));
+    uint8_t *down = changes.At(LinkDown(item));
+    Relink(changes, up, LinkDown(item), down, LinkUp(item));
+    MarkRelinked(changes, up, down);
+}
+
+void _LumFreeListInsert(LumRegion *region, uint8_t *bins, uint8_t *item, uint32_t size) {
+    ChangeBatch changes(region);
+    FreeListInsert(changes, bins, item, size);
+}
+
+uint8_t *_LumFreeListFind(LumRegion *region, uint8_t *bins, uint32_t size) {
+    ChangeBatch changes(region);
+    return FreeListFind(changes, bins, size);
+}
+
 void _LumFreeListRemove(LumRegion *region, uint8_t *item) {
-    uint8_t *up = At(region, LinkUp(item));
-    uint8_t *down = At(region, LinkDown(item));
-    Relink(region, up, LinkDown(item), down, LinkUp(item));
-    MarkRelinked(region, up, down);
+    ChangeBatch changes(region);
+    FreeListRemove(changes, item);
 }

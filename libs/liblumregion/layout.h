@@ -147,13 +147,6 @@ LUM_SLOW_PATH int32_t _LumSegmentExtend(LumSegment *segment, uint32_t chunk_size
 // Takes a wholly free secondary extent out of the chain and frees it.
 LUM_SLOW_PATH int32_t _LumSegmentShrink(LumSegment *segment, SegmentStats *stats, uint8_t *extent);
 
-// free.cc --------------------------------------------------------------------
-
-// Makes the block of `size` bytes at `chunk` a free chunk in `bins`: tags
-// with CHUNK_FREE, linked in, protected, and its head and links and its
-// foot tag logged.
-void RegionChunkRelease(LumRegion *region, uint8_t *bins, uint8_t *chunk, uint32_t size);
-
 // verify.cc ------------------------------------------------------------------
 
 // Checks the segment whose PrimaryExtent is at `primary`: its map entry,
