@@ -34,8 +34,7 @@ LUM_HOT_PATH int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **poin
     uint8_t *stats_at = segment->primary + primary_extent::kStats;
     uint8_t *bins = segment->primary + primary_extent::kChunkBins;
     ChangeBatch changes(region);
-    SegmentStats s;
-    memcpy(&s, stats_at, sizeof s);
+    SegmentStats s = StatsRead(stats_at);
 
     uint32_t want = ChunkSizeFor(size);
     uint8_t *found = FreeListFind(changes, bins, want);

@@ -5,17 +5,13 @@
 // counters. Each through _LumImageMarkDirty would test the buffer, the
 // region's state and the dirty maps anew, and reload them after every
 // byte store into the image, which the compiler must assume may alias
-// them. A batch makes those tests once when it opens, keeps its append
-// position and the buffer's end in registers, and notes the page of each
-// record, to mark the pages when it closes.
+// them. A batch makes those tests once when it opens and keeps its append
+// position, the buffer's end and the dirty maps' words in registers.
 //
-// The records are those that _LumImageMarkDirty would append, in the same
-// order. Marking at close instead of after each record is as safe:
-//   - close comes after the operation's last store, and a mark covers every
-//     store that precedes it (pagetable.cc);
-//   - close comes before the operation returns, thus before any flush of
-//     the buffer, so no record reaches a log before its page is marked.
-// A batch must therefore be closed around any call that logs by itself.
+// A batch appends the records that _LumImageMarkDirty would append, in the
+// same order, and marks each record's page behind it. Its appends become
+// part of the buffer when it closes, so it must be closed around any call
+// that logs by itself.
 #pragma once
 
 #include <cstdint>
@@ -30,6 +26,7 @@
 // whole words go word by word.
 inline void CopyWords(uint8_t *to, const uint8_t *from, uint32_t length) {
     if (length % 4 == 0 && length <= 32) {
+#pragma GCC unroll 8
         for (uint32_t i = 0; i < length; i += 4)
             ImageStore32(to + i, ImageLoad32(from + i));
     } else {
@@ -67,51 +64,47 @@ public:
         uint32_t page = offset >> page_shift_;
         bool one_page = ((offset + length - 1) >> page_shift_) == page;
         if (length - 1 >= log_record::kMaxPayload || static_cast<size_t>(end_ - cursor_) < need ||
-            !one_page || page_count_ == kPages) {
+            !one_page || page >= page_count_) {
             MarkAlone(address, length);
             return;
         }
         log_record::StoreHead(cursor_, LOG_DATA, offset, length);
         CopyWords(cursor_ + log_record::kHeadSize, at, length);
         cursor_ += need;
-        if (page_count_ == 0 || pages_[page_count_ - 1] != page)
-            pages_[page_count_++] = page;
+        DirtyMapsMark(even_words_, odd_words_, page, true);
     }
 
-    // Publishes the appended records and marks their pages. Open starts
-    // again from the buffer as it then stands.
+    // Makes the appended records part of the buffer. Open starts again
+    // from the buffer as it then stands.
     void Close() {
         if (cursor_ != nullptr) {
             LogBuffer *buffer = region_->log_buffer;
             buffer->used = static_cast<uint32_t>(cursor_ - buffer->data);
         }
-        for (uint32_t i = 0; i < page_count_; ++i)
-            if (pages_[i] < static_cast<uint32_t>(region_->dirty_map[0]->page_count))
-                DirtyMapsMark(region_, pages_[i]);
-        page_count_ = 0;
         cursor_ = end_ = nullptr;
     }
 
     // Appends in place only to a buffer that a logging region has opened
-    // with its LOG_SIZE; every other record goes through MarkAlone.
+    // with its LOG_SIZE, and only with the write barrier that lets a mark
+    // trust a set bit (without it every mark pays its atomic set, and the
+    // batch would save little); every other record goes through MarkAlone.
     void Open() {
         base_ = region_->base;
         page_shift_ = region_page_shift;
         protects_ = ProtectsPages(region_);
         LogBuffer *buffer = region_->log_buffer;
-        if (IsPersistent(region_) && buffer->used != 0 &&
+        if (IsPersistent(region_) && region_write_barrier != 0 && buffer->used != 0 &&
             region_->online.load(std::memory_order_relaxed) != 0 &&
             region_->log_failed.load(std::memory_order_relaxed) == 0) {
             cursor_ = buffer->data + buffer->used;
             end_ = buffer->data + buffer->capacity;
+            even_words_ = region_->dirty_map[0]->Words();
+            odd_words_ = region_->dirty_map[1]->Words();
+            page_count_ = static_cast<uint32_t>(region_->dirty_map[0]->page_count);
         }
     }
 
 private:
-    // Distinct pages noted before a record goes alone; an operation notes
-    // at most six.
-    static constexpr uint32_t kPages = 8;
-
     // A record that the batch does not append: a volatile region does not
     // log; otherwise the batch closes, the record goes its ordinary way and
     // the batch opens again behind it.
@@ -127,15 +120,22 @@ private:
     uint8_t *base_ = nullptr;
     uint8_t *cursor_ = nullptr; // the next record; null while nothing is appended in place
     uint8_t *end_ = nullptr;    // the buffer's end; null with cursor_
+    uint32_t *even_words_ = nullptr;
+    uint32_t *odd_words_ = nullptr;
+    uint32_t page_count_ = 0; // pages of the maps
     uint32_t page_shift_ = 0;
     bool protects_ = false;
-    uint32_t page_count_ = 0;
-    uint32_t pages_[kPages];
 };
 
-// Writes a segment's counters back to `at` as one record: Unprotect, six
-// word stores, Protect, Mark. Word by word, so that a caller's copy of the
-// counters can stay in registers.
+// A segment's counters, read and written back word by word: the caller's
+// copy can stay in registers, and each load takes its value from the
+// store of the previous operation if that is still pending.
+inline SegmentStats StatsRead(const uint8_t *at) {
+    return {ImageLoad32(at),      ImageLoad32(at + 4),  ImageLoad32(at + 8),
+            ImageLoad32(at + 12), ImageLoad32(at + 16), ImageLoad32(at + 20)};
+}
+
+// Unprotect, six word stores, Protect, one record.
 inline void StatsWrite(ChangeBatch &changes, uint8_t *at, const SegmentStats &stats) {
     changes.Unprotect(at, sizeof stats);
     const uint32_t words[] = {stats.extents,    stats.total_bytes, stats.free_bytes,

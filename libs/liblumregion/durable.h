@@ -213,20 +213,27 @@ inline void LogBufferAppendData(LumRegion *region, uint32_t offset, uint32_t len
     buffer->used += log_record::Size(LOG_DATA, length);
 }
 
-// The writer's mark of one page in both maps; see pagetable.cc for why
-// bits found set may be trusted without the atomic set. The signal fence
-// keeps the compiler from moving the caller's stores below the test.
-inline void DirtyMapsMark(LumRegion *region, uint32_t page) {
+// The writer's mark of one page in both maps, given their words; see
+// pagetable.cc for why bits found set may be trusted without the atomic
+// set when the platform has its write barrier. The signal fence keeps the
+// compiler from moving the caller's stores below the test.
+inline void DirtyMapsMark(uint32_t *even_words, uint32_t *odd_words, uint32_t page,
+                          bool trust_set_bits) {
     uint32_t index = page / kPagesPerMapWord;
     uint32_t bit = 1u << (page % kPagesPerMapWord);
-    std::atomic_ref<uint32_t> even(region->dirty_map[0]->Words()[index]);
-    std::atomic_ref<uint32_t> odd(region->dirty_map[1]->Words()[index]);
+    std::atomic_ref<uint32_t> even(even_words[index]);
+    std::atomic_ref<uint32_t> odd(odd_words[index]);
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    if (region_write_barrier != 0 &&
+    if (trust_set_bits &&
         (even.load(std::memory_order_relaxed) & odd.load(std::memory_order_relaxed) & bit) != 0)
         return;
     even.fetch_or(bit, std::memory_order_release);
     odd.fetch_or(bit, std::memory_order_release);
+}
+
+inline void DirtyMapsMark(LumRegion *region, uint32_t page) {
+    DirtyMapsMark(region->dirty_map[0]->Words(), region->dirty_map[1]->Words(), page,
+                  region_write_barrier != 0);
 }
 
 // Announces a change of [address, address + length), made already: logs the

@@ -44,8 +44,7 @@ LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
         _LumMutationCheck(segment, pointer, 1);
 
     ChangeBatch changes(region);
-    SegmentStats s;
-    memcpy(&s, stats_at, sizeof s);
+    SegmentStats s = StatsRead(stats_at);
     s.free_bytes += size;
     s.free_chunks += 1;
     s.used_bytes -= size;
