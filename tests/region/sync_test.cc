@@ -10,6 +10,13 @@
 using lumtest::FileFaults;
 using lumtest::LogCapture;
 
+// A snapshot's bytes with the header's timestamp cleared: two snapshots of
+// one image differ there when a second boundary passes between them.
+static std::vector<uint8_t> Unstamped(std::vector<uint8_t> bytes) {
+    memset(&bytes[file_header::kTimestamp], 0, 4);
+    return bytes;
+}
+
 // Every test starts from a region with a snapshot: the image behind a
 // header, forced to disk. A sync leaves the generation alone.
 class SyncTest : public PersistentTest {
@@ -74,13 +81,13 @@ TEST_F(SyncTest, FailedStepKeepsASnapshotAndTheNextSyncStartsAgain) {
         }
         EXPECT_EQ(Exists("p.tab"), !row.rename);
         EXPECT_EQ(Exists("p.tabnew"), row.rename);
-        EXPECT_EQ(Read(row.rename ? "p.tabnew" : "p.tab"), old_tab_);
+        EXPECT_EQ(Unstamped(Read(row.rename ? "p.tabnew" : "p.tab")), Unstamped(old_tab_));
         for (const char *file : {"p_0.chk", "p_1.chk", "p_0.log", "p_1.log"})
             EXPECT_TRUE(Exists(file)) << file;
         ASSERT_EQ(_LumRegionSync(region_, dir_.path().c_str()), 0);
         EXPECT_FALSE(Exists("p.tabnew"));
         EXPECT_EQ(region_->sync_failed, 0);
-        EXPECT_EQ(Read("p.tab"), old_tab_);
+        EXPECT_EQ(Unstamped(Read("p.tab")), Unstamped(old_tab_));
     }
 }
 
