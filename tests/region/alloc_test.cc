@@ -4,6 +4,7 @@
 #include <array>
 #include <map>
 #include <random>
+#include <set>
 #include <tuple>
 
 #include "persistent_fixture.h"
@@ -78,6 +79,109 @@ TEST_F(AllocTest, WorkedExampleLeavesTheseRecordsInThisOrder) {
     for (const ParsedRecord &record : BufferRecords(region_, from))
         records.push_back({record.type, record.value, record.length});
     EXPECT_EQ(records, expected);
+}
+
+// An allocation appends its records behind those in the buffer, but the
+// buffer may also be empty or run full in the middle of the operation.
+// Whatever it holds, the log gets the same records, payloads included, and
+// both maps get exactly the pages of those records.
+TEST_F(AllocTest, AnOperationLogsTheSameWhateverTheBufferHolds) {
+    LumSegment *segment = Segment(65536);
+    const std::string log = "alloc_0.log";
+    auto data_records = [&](size_t skip) {
+        std::vector<std::tuple<uint32_t, uint32_t, std::vector<uint8_t>>> records;
+        std::vector<ParsedRecord> all = ParseLog(Read(log));
+        for (size_t i = skip; i < all.size(); ++i)
+            if (all[i].type == LOG_DATA)
+                records.emplace_back(all[i].value, all[i].length, all[i].payload);
+        return records;
+    };
+    // Leaves exactly `room` bytes free in the buffer, with records of
+    // scratch bytes inside the segment's free chunk.
+    auto fill_to = [&](uint32_t room) {
+        LogBuffer *buffer = region_->log_buffer;
+        uint32_t scratch = static_cast<uint32_t>(segment->primary - region_->base) + 16384;
+        while (buffer->capacity - buffer->used - room > 4096 + 12 + 12)
+            Change(region_, scratch, 4096, 0x5A);
+        Change(region_, scratch, buffer->capacity - buffer->used - room - 12, 0x5A);
+        ASSERT_EQ(buffer->capacity - buffer->used, room);
+    };
+    struct Row {
+        const char *what;
+        bool commit_first;
+        uint32_t room; // 0: as it comes
+    };
+    const Row rows[] = {
+        {"behind other records", false, 0},
+        {"in an empty buffer", true, 0},
+        {"in a buffer that runs full after two records", false, 40},
+        {"in a buffer with no room", false, 4},
+    };
+    decltype(data_records(0)) expected;
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        if (row.commit_first)
+            LumRegionCommit(region_);
+        if (row.room != 0)
+            fill_to(row.room);
+        size_t before = ParseLog(Read(log)).size() + BufferRecords(region_).size();
+        _LumDirtyMapFill(region_, 0, 0);
+        _LumDirtyMapFill(region_, 1, 0);
+        void *pointer = Alloc(segment, 100);
+        ASSERT_EQ(LumMemFree(segment, pointer), 0);
+        LumRegionCommit(region_);
+
+        if (row.commit_first) {
+            EXPECT_EQ(ParseLog(Read(log))[before].type, LOG_SIZE) << "a log opens with its size";
+        }
+        auto records = data_records(before);
+        std::set<uint32_t> pages, even, odd;
+        for (const auto &[value, length, payload] : records)
+            for (uint32_t page = value / Page(); page <= (value + length - 1) / Page(); ++page)
+                pages.insert(page);
+        for (uint32_t page = 0; page < region_->used / Page(); ++page) {
+            if (_LumDirtyMapTest(region_->dirty_map[0], page))
+                even.insert(page);
+            if (_LumDirtyMapTest(region_->dirty_map[1], page))
+                odd.insert(page);
+        }
+        EXPECT_EQ(even, pages);
+        EXPECT_EQ(odd, pages);
+        if (expected.empty())
+            expected = records;
+        EXPECT_EQ(records, expected);
+    }
+    EXPECT_EQ(expected.size(), 11u);
+}
+
+// In a region that protects its pages, the allocator opens and closes them
+// around its own stores, hands the chunk out writable and LumMemLog closes
+// it; the records are those of an unprotected region.
+TEST_F(AllocTest, ProtectedRegionHandsOutWritableChunksThatLumMemLogCloses) {
+    LumRegion *guarded = nullptr;
+    void *base;
+    ASSERT_EQ(LumRegionCreate("guarded", LUM_REGION_PERSISTENT, 4 * kMiB, 4 * kMiB, 0, 1,
+                              dir_.path().c_str(), &guarded, &base),
+              0);
+    LumSegment *segment = nullptr;
+    ASSERT_EQ(LumSegmentCreate(guarded, 65536, 0, 0, 0, &segment), 0);
+    uint32_t from = guarded->log_buffer->used;
+    void *kept = nullptr, *pointer = nullptr;
+    ASSERT_EQ(LumMemAlloc(segment, 100, &kept), 0);
+    LumMemLog(segment, kept);
+    ASSERT_EQ(LumMemAlloc(segment, 100, &pointer), 0);
+    auto *data = static_cast<uint8_t *>(pointer);
+    EXPECT_FALSE(lumtest::FaultsInChild([&] { data[50] = 1; }));
+    LumMemLog(segment, pointer);
+    EXPECT_TRUE(lumtest::FaultsInChild([&] { data[50] = 1; }));
+    EXPECT_EQ(LumMemFree(segment, kept), 0);
+    EXPECT_EQ(LumMemFree(segment, pointer), 0);
+    EXPECT_EQ(LengthsOf(BufferRecords(guarded, from)),
+              (std::vector<uint32_t>{8, 8, 12, 4, 24, 112, 8, 8, 12, 4, 24, 112, 8, 12, 4, 24, 8,
+                                     8, 8, 12, 4, 24}));
+    EXPECT_EQ(LumRegionVerify(guarded), 0);
+    EXPECT_EQ(LumSegmentDrop(segment), 0);
+    EXPECT_EQ(LumRegionDrop(guarded), 0);
 }
 
 TEST_F(AllocTest, ChunkSizesAndStatisticsAtTheirEdges) {
