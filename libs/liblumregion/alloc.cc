@@ -6,7 +6,6 @@
 // its two tags written but not logged. The caller fills the chunk with
 // plain stores and ends with LumMemLog, which logs the whole chunk, tags
 // included, in one record (or LumMemNoLog, which logs nothing).
-#include <cstring>
 
 #include "batch.h"
 

@@ -1,7 +1,6 @@
 // Chunk release: LumMemFree merges a chunk with its free neighbours, puts
 // the result into the segment's bins, or gives a secondary extent back to
 // the region when the chunk now fills it. A primary extent stays.
-#include <cstring>
 
 #include "batch.h"
 
