@@ -21,41 +21,45 @@ uint32_t ChunkSizeFor(uint32_t size) {
     return want > kSmallestChunk ? want : kSmallestChunk;
 }
 
-} // namespace
+// Adds a secondary extent to the segment for a chunk of `want` bytes and
+// sets *found to its free chunk, which is in no bin. The counters are
+// stored with the extent and its chunk counted, but not logged: the
+// operation logs them once, last.
+template <typename Batch>
+int32_t ExtendFor(Batch &changes, LumSegment *segment, uint8_t *stats_at, uint32_t want,
+                  uint8_t **found) {
+    changes.Close();
+    SegmentStats s = StatsRead(stats_at);
+    int32_t rc = _LumSegmentExtend(segment, want, &s, found);
+    changes.Open();
+    if (rc != 0)
+        return rc;
+    s.free_bytes += ImageLoad32(*found) & ~kTagFlags;
+    s.free_chunks += 1;
+    StatsStore(changes, stats_at, s);
+    return 0;
+}
 
-LUM_HOT_PATH int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer) {
-    if (segment == nullptr || pointer == nullptr)
-        return LUM_RC_FAILURE;
-    *pointer = nullptr;
-    if (size > kLargestRequest)
-        return LUM_RC_FAILURE;
-    LumRegion *region = segment->region;
+// Hands out a chunk of `want` bytes at *pointer, as LumMemAlloc promises.
+template <typename Batch>
+int32_t AllocateChunk(Batch &changes, LumSegment *segment, uint32_t want, void **pointer) {
     uint8_t *stats_at = segment->primary + primary_extent::kStats;
     uint8_t *bins = segment->primary + primary_extent::kChunkBins;
-    ChangeBatch changes(region);
-    SegmentStats s = StatsRead(stats_at);
-
-    uint32_t want = ChunkSizeFor(size);
     uint8_t *found = FreeListFind(changes, bins, want);
     if (found == nullptr) {
-        changes.Close();
-        SegmentStats grown = s; // s itself never leaves registers
-        int32_t rc = _LumSegmentExtend(segment, want, &grown, &found);
-        changes.Open();
+        int32_t rc = ExtendFor(changes, segment, stats_at, want, &found);
         if (rc != 0)
             return rc;
-        s = grown;
-        s.free_bytes += ImageLoad32(found) & ~kTagFlags;
-        s.free_chunks += 1;
     }
     uint32_t have = ImageLoad32(found) & ~kTagFlags;
-    if (have >= want + kSmallestChunk) {
+    bool split = have >= want + kSmallestChunk;
+    if (split) {
         RegionChunkRelease(changes, bins, found + want, have - want); // the rest
         have = want;
-    } else {
-        s.free_chunks -= 1;
     }
+    SegmentStats s = StatsRead(stats_at);
     s.free_bytes -= have;
+    s.free_chunks -= split ? 0 : 1;
     s.used_chunks += 1;
     s.used_bytes += have;
     StatsWrite(changes, stats_at, s);
@@ -66,4 +70,17 @@ LUM_HOT_PATH int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **poin
     ImageStore32(found + have - 4, have);
     *pointer = found + 4;
     return 0;
+}
+
+} // namespace
+
+LUM_HOT_PATH int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer) {
+    if (segment == nullptr || pointer == nullptr)
+        return LUM_RC_FAILURE;
+    *pointer = nullptr;
+    if (size > kLargestRequest)
+        return LUM_RC_FAILURE;
+    return InBatch(segment->region, [&](auto &changes) {
+        return AllocateChunk(changes, segment, ChunkSizeFor(size), pointer);
+    });
 }

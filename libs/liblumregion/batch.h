@@ -14,28 +14,32 @@
 // that logs by itself.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 
 #include "durable.h"
 #include "layout.h"
 
-// Copies a record's payload or the words behind it. The allocator stores
-// its words one by one, just before it logs them; a wider load that spans
-// two such stores waits until they reach the cache, where loads of the
-// same words take their values from the pending stores. So short runs of
+// Copies a batched record's payload, at most 24 bytes. The
+// allocator stores its words one by one, just before it logs them; a wider
+// load that spans two such stores waits until they reach the cache, where
+// loads of the same words take their values from the pending stores. So
 // whole words go word by word.
 inline void CopyWords(uint8_t *to, const uint8_t *from, uint32_t length) {
-    if (length % 4 == 0 && length <= 32) {
+    if (length % 4 == 0) {
 #pragma GCC unroll 8
         for (uint32_t i = 0; i < length; i += 4)
             ImageStore32(to + i, ImageLoad32(from + i));
     } else {
-        CopyPayload(to, from, length);
+        CopyShortPayload(to, from, length);
     }
 }
 
-class ChangeBatch {
-public:
+// kProtects is the region's protection choice: fixed for an operation, and
+// a parameter so that a batch of a region that does not protect its pages
+// compiles without any test of it. InBatch picks the kind.
+template <bool kProtects> class ChangeBatch {
+  public:
     explicit ChangeBatch(LumRegion *region) : region_(region) { Open(); }
     ~ChangeBatch() { Close(); }
     ChangeBatch(const ChangeBatch &) = delete;
@@ -45,14 +49,13 @@ public:
     uint8_t *At(RegionOffset offset) const { return base_ + offset; }
     RegionOffset OffsetOf(const uint8_t *at) const { return static_cast<RegionOffset>(at - base_); }
 
-    // _LumPageUnprotect and _LumPageProtect, with the region's choice read
-    // once.
+    // _LumPageUnprotect and _LumPageProtect.
     void Unprotect(void *address, uint32_t length) const {
-        if (protects_)
+        if (kProtects)
             _LumPageAccessSet(address, length, 1);
     }
     void Protect(void *address, uint32_t length) const {
-        if (protects_)
+        if (kProtects)
             _LumPageAccessSet(address, length, 0);
     }
 
@@ -60,17 +63,15 @@ public:
     void Mark(void *address, uint32_t length) {
         auto *at = static_cast<uint8_t *>(address);
         uint32_t offset = OffsetOf(at);
-        uint32_t need = log_record::Size(LOG_DATA, length);
         uint32_t page = offset >> page_shift_;
         bool one_page = ((offset + length - 1) >> page_shift_) == page;
-        if (length - 1 >= log_record::kMaxPayload || static_cast<size_t>(end_ - cursor_) < need ||
-            !one_page || page >= page_count_) {
+        if (cursor_ == nullptr || length - 1 >= kLargestPayload || !one_page) {
             MarkAlone(address, length);
             return;
         }
         log_record::StoreHead(cursor_, LOG_DATA, offset, length);
         CopyWords(cursor_ + log_record::kHeadSize, at, length);
-        cursor_ += need;
+        cursor_ += log_record::Size(LOG_DATA, length);
         DirtyMapsMark(even_words_, odd_words_, page, true);
     }
 
@@ -79,9 +80,10 @@ public:
     void Close() {
         if (cursor_ != nullptr) {
             LogBuffer *buffer = region_->log_buffer;
+            assert(cursor_ <= buffer->data + buffer->capacity);
             buffer->used = static_cast<uint32_t>(cursor_ - buffer->data);
         }
-        cursor_ = end_ = nullptr;
+        cursor_ = nullptr;
     }
 
     // Appends in place only to a buffer that a logging region has opened
@@ -91,20 +93,26 @@ public:
     void Open() {
         base_ = region_->base;
         page_shift_ = region_page_shift;
-        protects_ = ProtectsPages(region_);
-        LogBuffer *buffer = region_->log_buffer;
-        if (IsPersistent(region_) && region_write_barrier != 0 && buffer->used != 0 &&
-            region_->online.load(std::memory_order_relaxed) != 0 &&
-            region_->log_failed.load(std::memory_order_relaxed) == 0) {
+        if (IsPersistent(region_) && region_write_barrier != 0 && LogBufferTakes(region_, kRoom)) {
+            LogBuffer *buffer = region_->log_buffer;
             cursor_ = buffer->data + buffer->used;
-            end_ = buffer->data + buffer->capacity;
             even_words_ = region_->dirty_map[0]->Words();
             odd_words_ = region_->dirty_map[1]->Words();
-            page_count_ = static_cast<uint32_t>(region_->dirty_map[0]->page_count);
         }
     }
 
-private:
+  private:
+    // The allocator's records are links, tags and counters: at most 24
+    // bytes. Larger ones go alone.
+    static constexpr uint32_t kLargestPayload = 24;
+    // A batch opens where the buffer would take a record of kRoom bytes.
+    // While open, an operation appends at most nine records (a free that
+    // merges on both sides: two unlinks of two records, an insert of two,
+    // head, foot and counters), each at most 12 + kLargestPayload bytes:
+    // 324 bytes. A record that goes alone reopens the batch, which tests
+    // the room again.
+    static constexpr uint32_t kRoom = 512;
+
     // A record that the batch does not append: a volatile region does not
     // log; otherwise the batch closes, the record goes its ordinary way and
     // the batch opens again behind it.
@@ -112,19 +120,16 @@ private:
         if (!IsPersistent(region_))
             return;
         Close();
-        _LumImageMarkDirty(region_, address, length);
+        _LumImageMarkDirtyOutOfLine(region_, OffsetOf(static_cast<uint8_t *>(address)), length);
         Open();
     }
 
     LumRegion *region_;
     uint8_t *base_ = nullptr;
     uint8_t *cursor_ = nullptr; // the next record; null while nothing is appended in place
-    uint8_t *end_ = nullptr;    // the buffer's end; null with cursor_
     uint32_t *even_words_ = nullptr;
     uint32_t *odd_words_ = nullptr;
-    uint32_t page_count_ = 0; // pages of the maps
     uint32_t page_shift_ = 0;
-    bool protects_ = false;
 };
 
 // A segment's counters, read and written back word by word: the caller's
@@ -135,24 +140,43 @@ inline SegmentStats StatsRead(const uint8_t *at) {
             ImageLoad32(at + 12), ImageLoad32(at + 16), ImageLoad32(at + 20)};
 }
 
-// Unprotect, six word stores, Protect, one record.
-inline void StatsWrite(ChangeBatch &changes, uint8_t *at, const SegmentStats &stats) {
+// Runs `operation`, a callable that takes the batch, in a batch of the kind
+// that the region's protection choice asks for.
+template <typename Operation> decltype(auto) InBatch(LumRegion *region, Operation &&operation) {
+    if (ProtectsPages(region)) {
+        ChangeBatch<true> changes(region);
+        return operation(changes);
+    }
+    ChangeBatch<false> changes(region);
+    return operation(changes);
+}
+
+// Unprotect, six word stores, Protect; no record.
+template <typename Batch>
+void StatsStore(const Batch &changes, uint8_t *at, const SegmentStats &stats) {
     changes.Unprotect(at, sizeof stats);
-    const uint32_t words[] = {stats.extents,    stats.total_bytes, stats.free_bytes,
-                              stats.free_chunks, stats.used_bytes, stats.used_chunks};
+    const uint32_t words[] = {stats.extents,     stats.total_bytes, stats.free_bytes,
+                              stats.free_chunks, stats.used_bytes,  stats.used_chunks};
     for (uint32_t i = 0; i < 6; ++i)
         ImageStore32(at + 4 * i, words[i]);
     changes.Protect(at, sizeof stats);
+}
+
+// StatsStore and the counters' record.
+template <typename Batch> void StatsWrite(Batch &changes, uint8_t *at, const SegmentStats &stats) {
+    StatsStore(changes, at, stats);
     changes.Mark(at, sizeof stats);
 }
 
-// freelist.cc: the bin operations of layout.h within a batch; the exported
-// forms open a batch of their own.
-uint8_t *FreeListFind(ChangeBatch &changes, uint8_t *bins, uint32_t size);
-void FreeListInsert(ChangeBatch &changes, uint8_t *bins, uint8_t *item, uint32_t size);
-void FreeListRemove(ChangeBatch &changes, uint8_t *item);
+// freelist.cc: the bin operations of layout.h within a batch, made for both
+// kinds; the exported forms open a batch of their own.
+template <typename Batch> uint8_t *FreeListFind(Batch &changes, uint8_t *bins, uint32_t size);
+template <typename Batch>
+void FreeListInsert(Batch &changes, uint8_t *bins, uint8_t *item, uint32_t size);
+template <typename Batch> void FreeListRemove(Batch &changes, uint8_t *item);
 
-// free.cc: makes the block of `size` bytes at `chunk` a free chunk in
-// `bins`: tags with CHUNK_FREE, linked in, protected, and its head and
-// links and its foot tag logged.
-void RegionChunkRelease(ChangeBatch &changes, uint8_t *bins, uint8_t *chunk, uint32_t size);
+// free.cc, made for both kinds: makes the block of `size` bytes at `chunk`
+// a free chunk in `bins`: tags with CHUNK_FREE, linked in, protected, and
+// its head and links and its foot tag logged.
+template <typename Batch>
+void RegionChunkRelease(Batch &changes, uint8_t *bins, uint8_t *chunk, uint32_t size);

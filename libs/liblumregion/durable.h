@@ -144,9 +144,11 @@ void _LumDirtyMapSet(DirtyMap *map, uint32_t page);
 // and returns those of them that were set: the checkpoint's take.
 uint32_t _LumDirtyMapTake(DirtyMap *map, uint32_t word, uint32_t bits);
 
-// Marks the pages of image bytes [offset, offset + length) in both maps,
-// clamped to the reservation. length > 0.
-LUM_SLOW_PATH void _LumDirtyMapMarkRange(LumRegion *region, uint32_t offset, uint32_t length);
+// _LumImageMarkDirty of image bytes [offset, offset + length) for any
+// length and any state of the buffer: the record in place or through
+// _LumLogBufferAppend, then the bits of every page.
+__attribute__((noinline)) void _LumImageMarkDirtyOutOfLine(LumRegion *region, uint32_t offset,
+                                                           uint32_t length);
 
 // checkpoint.cc -------------------------------------------------------------
 
@@ -173,44 +175,61 @@ int32_t _LumPathCheckHome(const char *home, const char *path);
 
 // The hot path of every logged write, inline in each writer. ---------------
 
-// Copies a record's payload. Short payloads, the allocator's links, tags
-// and counters, are copied with two overlapping loads and stores, exactly
-// `length` bytes, without a call.
-inline void CopyPayload(uint8_t *to, const uint8_t *from, uint32_t length) {
-    if (length >= 8 && length <= 16) {
+// The payloads that a logged write copies without a call: every field a
+// host writes with LumMemLogCpy*, and the allocator's links, tags and
+// counters. Longer ones are copied out of line, where the call costs less
+// than the bytes.
+inline constexpr uint32_t kShortPayload = 32;
+
+// Copies a payload of 1 to kShortPayload bytes, exactly `length` bytes,
+// with two overlapping loads and stores of the widest size that fits.
+inline void CopyShortPayload(uint8_t *to, const uint8_t *from, uint32_t length) {
+    if (length > 16) {
+        uint8_t head[16], tail[16];
+        memcpy(head, from, 16);
+        memcpy(tail, from + length - 16, 16);
+        memcpy(to, head, 16);
+        memcpy(to + length - 16, tail, 16);
+    } else if (length >= 8) {
         uint64_t head, tail;
         memcpy(&head, from, 8);
         memcpy(&tail, from + length - 8, 8);
         memcpy(to, &head, 8);
         memcpy(to + length - 8, &tail, 8);
-    } else if (length >= 4 && length < 8) {
+    } else if (length >= 4) {
         uint32_t head = ImageLoad32(from), tail = ImageLoad32(from + length - 4);
         ImageStore32(to, head);
         ImageStore32(to + length - 4, tail);
-    } else {
-        memcpy(to, from, length);
+    } else { // 1 to 3 bytes: the first, the middle and the last
+        uint8_t first = from[0], middle = from[length / 2], last = from[length - 1];
+        to[0] = first;
+        to[length / 2] = middle;
+        to[length - 1] = last;
     }
 }
 
-// Appends a LOG_DATA record of image bytes [offset, offset + length). The
-// common case, a record that fits behind the records already in the buffer
-// of a logging region, is stored here; every other case (an empty, full or
-// failed buffer, a payload that must be split, an offline region) goes to
-// _LumLogBufferAppend. A non-empty buffer opens with a LOG_SIZE, so what
-// fits here also fits an empty buffer behind it.
-inline void LogBufferAppendData(LumRegion *region, uint32_t offset, uint32_t length) {
+// Whether a LOG_DATA record of `length` bytes can be stored behind the
+// records already in the buffer: the region logs, its log has not failed,
+// the buffer is open (a non-empty buffer opens with a LOG_SIZE) and has the
+// room. Every other case goes to _LumLogBufferAppend, which flushes, opens,
+// splits or drops.
+inline bool LogBufferTakes(const LumRegion *region, uint32_t length) {
+    const LogBuffer *buffer = region->log_buffer;
+    return length <= log_record::kMaxPayload && buffer->used != 0 &&
+           buffer->capacity - buffer->used >= log_record::Size(LOG_DATA, length) &&
+           region->online.load(std::memory_order_relaxed) != 0 &&
+           region->log_failed.load(std::memory_order_relaxed) == 0;
+}
+
+// Stores the head of the LOG_DATA record of image bytes [offset, offset +
+// length) in place, where LogBufferTakes said it fits, and returns where
+// its payload goes.
+inline uint8_t *LogBufferPlaceData(LumRegion *region, uint32_t offset, uint32_t length) {
     LogBuffer *buffer = region->log_buffer;
-    if (length > log_record::kMaxPayload || buffer->used == 0 ||
-        buffer->capacity - buffer->used < log_record::Size(LOG_DATA, length) ||
-        region->online.load(std::memory_order_relaxed) == 0 ||
-        region->log_failed.load(std::memory_order_relaxed) != 0) {
-        _LumLogBufferAppend(region, LOG_DATA, offset, length);
-        return;
-    }
     uint8_t *head = buffer->data + buffer->used;
     log_record::StoreHead(head, LOG_DATA, offset, length);
-    CopyPayload(head + log_record::kHeadSize, region->base + offset, length);
     buffer->used += log_record::Size(LOG_DATA, length);
+    return head + log_record::kHeadSize;
 }
 
 // The writer's mark of one page in both maps, given their words; see
@@ -220,13 +239,15 @@ inline void LogBufferAppendData(LumRegion *region, uint32_t offset, uint32_t len
 inline void DirtyMapsMark(uint32_t *even_words, uint32_t *odd_words, uint32_t page,
                           bool trust_set_bits) {
     uint32_t index = page / kPagesPerMapWord;
-    uint32_t bit = 1u << (page % kPagesPerMapWord);
+    uint32_t shift = page % kPagesPerMapWord;
     std::atomic_ref<uint32_t> even(even_words[index]);
     std::atomic_ref<uint32_t> odd(odd_words[index]);
     std::atomic_signal_fence(std::memory_order_seq_cst);
     if (trust_set_bits &&
-        (even.load(std::memory_order_relaxed) & odd.load(std::memory_order_relaxed) & bit) != 0)
+        ((even.load(std::memory_order_relaxed) & odd.load(std::memory_order_relaxed)) >> shift &
+         1) != 0)
         return;
+    uint32_t bit = 1u << shift;
     even.fetch_or(bit, std::memory_order_release);
     odd.fetch_or(bit, std::memory_order_release);
 }
@@ -239,15 +260,22 @@ inline void DirtyMapsMark(LumRegion *region, uint32_t page) {
 // Announces a change of [address, address + length), made already: logs the
 // bytes as they now stand, then marks their pages in both maps (image,
 // record, bits). Does nothing for a volatile region or a length of 0.
+//
+// A short change within one page of a logging region is stored and marked
+// here, without a call and so without saving registers; everything else
+// goes to _LumImageMarkDirtyOutOfLine.
 extern "C" inline void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length) {
     if (!IsPersistent(region) || length == 0)
         return;
     uint32_t offset = ImageOffsetOf(region, static_cast<uint8_t *>(address));
-    LogBufferAppendData(region, offset, length);
     uint32_t page = offset >> region_page_shift;
     bool one_page = length <= region_page_size - (offset & (region_page_size - 1));
-    if (one_page && page < static_cast<uint32_t>(region->dirty_map[0]->page_count))
-        DirtyMapsMark(region, page);
-    else
-        _LumDirtyMapMarkRange(region, offset, length);
+    if (length > kShortPayload || !one_page ||
+        page >= static_cast<uint32_t>(region->dirty_map[0]->page_count) ||
+        !LogBufferTakes(region, length)) {
+        _LumImageMarkDirtyOutOfLine(region, offset, length);
+        return;
+    }
+    CopyShortPayload(LogBufferPlaceData(region, offset, length), region->base + offset, length);
+    DirtyMapsMark(region, page);
 }

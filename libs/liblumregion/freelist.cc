@@ -38,7 +38,8 @@ uint32_t SizeOf(const uint8_t *item) {
 
 // Sets a's link_down to `down_value` and b's link_up to `up_value`, each
 // behind its page protection. The caller marks them with MarkRelinked.
-void Relink(ChangeBatch &changes, uint8_t *a, RegionOffset down_value, uint8_t *b,
+template <typename Batch>
+void Relink(Batch &changes, uint8_t *a, RegionOffset down_value, uint8_t *b,
             RegionOffset up_value) {
     changes.Unprotect(a + bin_array::kLinkDown, 4);
     changes.Unprotect(b + bin_array::kLinkUp, 4);
@@ -50,7 +51,7 @@ void Relink(ChangeBatch &changes, uint8_t *a, RegionOffset down_value, uint8_t *
 
 // Logs the two links that Relink wrote: one 8-byte record when a and b are
 // the same sentinel, whose two links lie side by side.
-void MarkRelinked(ChangeBatch &changes, uint8_t *a, uint8_t *b) {
+template <typename Batch> void MarkRelinked(Batch &changes, uint8_t *a, uint8_t *b) {
     if (a == b) {
         changes.Mark(b + bin_array::kLinkUp, 8);
     } else {
@@ -123,7 +124,8 @@ void _LumFreeListInit(LumRegion *region, uint8_t *bins) {
     }
 }
 
-void FreeListInsert(ChangeBatch &changes, uint8_t *bins, uint8_t *item, uint32_t size) {
+template <typename Batch>
+void FreeListInsert(Batch &changes, uint8_t *bins, uint8_t *item, uint32_t size) {
     uint32_t bin = _LumFreeListIndex(size);
     NoteFilled(SummaryOf(changes.region(), bins), bin);
     uint8_t *sentinel = bins + bin_array::SentinelOffset(bin);
@@ -146,7 +148,7 @@ void FreeListInsert(ChangeBatch &changes, uint8_t *bins, uint8_t *item, uint32_t
     ImageStore32(item + bin_array::kLinkDown, changes.OffsetOf(cur));
 }
 
-uint8_t *FreeListFind(ChangeBatch &changes, uint8_t *bins, uint32_t size) {
+template <typename Batch> uint8_t *FreeListFind(Batch &changes, uint8_t *bins, uint32_t size) {
     BinSummary *summary = SummaryOf(changes.region(), bins);
     for (uint32_t i = NextMaybeFilled(summary, _LumFreeListIndex(size)); i < bin_array::kBins;
          i = NextMaybeFilled(summary, i + 1)) {
@@ -169,24 +171,28 @@ uint8_t *FreeListFind(ChangeBatch &changes, uint8_t *bins, uint32_t size) {
     return nullptr;
 }
 
-void FreeListRemove(ChangeBatch &changes, uint8_t *item) {
+template <typename Batch> void FreeListRemove(Batch &changes, uint8_t *item) {
     uint8_t *up = changes.At(LinkUp(item));
     uint8_t *down = changes.At(LinkDown(item));
     Relink(changes, up, LinkDown(item), down, LinkUp(item));
     MarkRelinked(changes, up, down);
 }
 
+template uint8_t *FreeListFind(ChangeBatch<true> &, uint8_t *, uint32_t);
+template uint8_t *FreeListFind(ChangeBatch<false> &, uint8_t *, uint32_t);
+template void FreeListInsert(ChangeBatch<true> &, uint8_t *, uint8_t *, uint32_t);
+template void FreeListInsert(ChangeBatch<false> &, uint8_t *, uint8_t *, uint32_t);
+template void FreeListRemove(ChangeBatch<true> &, uint8_t *);
+template void FreeListRemove(ChangeBatch<false> &, uint8_t *);
+
 void _LumFreeListInsert(LumRegion *region, uint8_t *bins, uint8_t *item, uint32_t size) {
-    ChangeBatch changes(region);
-    FreeListInsert(changes, bins, item, size);
+    InBatch(region, [&](auto &changes) { FreeListInsert(changes, bins, item, size); });
 }
 
 uint8_t *_LumFreeListFind(LumRegion *region, uint8_t *bins, uint32_t size) {
-    ChangeBatch changes(region);
-    return FreeListFind(changes, bins, size);
+    return InBatch(region, [&](auto &changes) { return FreeListFind(changes, bins, size); });
 }
 
 void _LumFreeListRemove(LumRegion *region, uint8_t *item) {
-    ChangeBatch changes(region);
-    FreeListRemove(changes, item);
+    InBatch(region, [&](auto &changes) { FreeListRemove(changes, item); });
 }

@@ -35,6 +35,17 @@ uint32_t BitOf(uint32_t page) {
     return 1u << (page % kPagesPerMapWord);
 }
 
+// Marks the pages of image bytes [offset, offset + length) in both maps,
+// clamped to the reservation. length > 0.
+void MarkRange(LumRegion *region, uint32_t offset, uint32_t length) {
+    uint64_t first = offset >> region_page_shift;
+    uint64_t last = (static_cast<uint64_t>(offset) + length - 1) >> region_page_shift;
+    // The maps cover the reservation; a range beyond it has no pages to mark.
+    last = std::min<uint64_t>(last, static_cast<uint64_t>(region->dirty_map[0]->page_count) - 1);
+    for (uint64_t page = first; page <= last; ++page)
+        DirtyMapsMark(region, static_cast<uint32_t>(page));
+}
+
 } // namespace
 
 DirtyMap *_LumDirtyMapAlloc(int32_t page_count) {
@@ -73,11 +84,10 @@ uint32_t _LumDirtyMapTake(DirtyMap *map, uint32_t word, uint32_t bits) {
     return marks.fetch_and(~bits, std::memory_order_acq_rel) & bits;
 }
 
-void _LumDirtyMapMarkRange(LumRegion *region, uint32_t offset, uint32_t length) {
-    uint64_t first = offset >> region_page_shift;
-    uint64_t last = (static_cast<uint64_t>(offset) + length - 1) >> region_page_shift;
-    // The maps cover the reservation; a range beyond it has no pages to mark.
-    last = std::min<uint64_t>(last, static_cast<uint64_t>(region->dirty_map[0]->page_count) - 1);
-    for (uint64_t page = first; page <= last; ++page)
-        DirtyMapsMark(region, static_cast<uint32_t>(page));
+void _LumImageMarkDirtyOutOfLine(LumRegion *region, uint32_t offset, uint32_t length) {
+    if (LogBufferTakes(region, length))
+        memcpy(LogBufferPlaceData(region, offset, length), region->base + offset, length);
+    else
+        _LumLogBufferAppend(region, LOG_DATA, offset, length);
+    MarkRange(region, offset, length);
 }
