@@ -20,11 +20,11 @@
 #include "durable.h"
 #include "layout.h"
 
-// Copies a batched record's payload, at most 24 bytes. The
-// allocator stores its words one by one, just before it logs them; a wider
-// load that spans two such stores waits until they reach the cache, where
-// loads of the same words take their values from the pending stores. So
-// whole words go word by word.
+// Copies a batched record's payload, at most 24 bytes. The allocator
+// stores its words one by one, just before it logs them; a wider load that
+// spans two such stores waits until they reach the cache, where loads of
+// the same words take their values from the pending stores. So whole words
+// go word by word.
 inline void CopyWords(uint8_t *to, const uint8_t *from, uint32_t length) {
     if (length % 4 == 0) {
 #pragma GCC unroll 8
