@@ -66,6 +66,37 @@ TEST_F(MutationTest, ChangedValuesAreStoredLoggedInTheirOwnWidthAndMarked) {
     EXPECT_EQ(Buffered().size(), 10u);
 }
 
+TEST_F(MutationTest, EveryLengthIsLoggedByteExactAndMarksEveryPageItTouches) {
+    // Lengths on both sides of every copy width, of the short copy's limit,
+    // and changes that end on or cross a page's last byte.
+    uint8_t source[48];
+    for (uint32_t i = 0; i < sizeof source; ++i)
+        source[i] = static_cast<uint8_t>(0xA0 + i);
+    uint8_t *page_end = region_->base + 2 * Page();
+    LumMemLogCpyInt(&segment_, target_ + 256, 1); // opens the buffer with its LOG_SIZE
+    for (uint32_t length = 1; length <= 40; ++length) {
+        for (uint8_t *at : {target_, page_end - length, page_end - length / 2}) {
+            SCOPED_TRACE(testing::Message() << "length " << length << " at "
+                                            << at - region_->base);
+            for (int parity = 0; parity < 2; ++parity)
+                _LumDirtyMapFill(region_, parity, 0);
+            memset(at - 8, 0x11, length + 16);
+            uint32_t used = region_->log_buffer->used;
+            _LumMemCopy(&segment_, at, source, length);
+            auto records = BufferRecords(region_, used);
+            ASSERT_EQ(records.size(), 1u);
+            EXPECT_EQ(records[0].value, static_cast<uint32_t>(at - region_->base));
+            EXPECT_EQ(records[0].payload, std::vector<uint8_t>(source, source + length));
+            EXPECT_EQ(at[-1], 0x11) << "bytes around the change stay";
+            EXPECT_EQ(at[length], 0x11);
+            uint32_t first = static_cast<uint32_t>(at - region_->base) / Page();
+            uint32_t last = static_cast<uint32_t>(at + length - 1 - region_->base) / Page();
+            for (uint32_t page = 0; page < 4; ++page)
+                EXPECT_EQ(PageDirty(page), page >= first && page <= last) << "page " << page;
+        }
+    }
+}
+
 TEST_F(MutationTest, RealStoresOnlyForGreaterOrLess) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     // The value, the current one, and whether the value is stored.
