@@ -84,14 +84,15 @@ void NoteEmpty(BinSummary *summary, uint32_t bin) {
 uint32_t NextMaybeFilled(const BinSummary *summary, uint32_t bin) {
     if (summary == nullptr || !summary->known)
         return bin;
-    for (uint32_t word = bin / 64; word < 2; ++word) {
-        uint64_t bits = summary->maybe_filled[word];
-        if (word == bin / 64)
-            bits &= ~uint64_t{0} << (bin % 64);
-        if (bits != 0)
-            return word * 64 + static_cast<uint32_t>(__builtin_ctzll(bits));
+    if (bin < 64) {
+        if (uint64_t low = summary->maybe_filled[0] >> bin; low != 0)
+            return bin + static_cast<uint32_t>(__builtin_ctzll(low));
+        bin = 64;
     }
-    return bin_array::kBins;
+    if (bin >= bin_array::kBins)
+        return bin_array::kBins;
+    uint64_t high = summary->maybe_filled[1] >> (bin - 64);
+    return high != 0 ? bin + static_cast<uint32_t>(__builtin_ctzll(high)) : bin_array::kBins;
 }
 
 } // namespace
