@@ -176,20 +176,29 @@ int32_t _LumPathCheckHome(const char *home, const char *path);
 // The hot path of every logged write, inline in each writer. ---------------
 
 // The payloads that a logged write copies without a call: every field a
-// host writes with LumMemLogCpy*, and the allocator's links, tags and
-// counters. Longer ones are copied out of line, where the call costs less
-// than the bytes.
-inline constexpr uint32_t kShortPayload = 32;
+// host writes with LumMemLogCpy*, the allocator's links, tags and counters,
+// and the chunks of small allocations. Longer ones are copied out of line,
+// where the call costs less than the bytes.
+inline constexpr uint32_t kShortPayload = 128;
 
-// Copies a payload of 1 to kShortPayload bytes, exactly `length` bytes,
-// with two overlapping loads and stores of the widest size that fits.
+// Copies 16 bytes through a register.
+inline void Copy16(uint8_t *to, const uint8_t *from) {
+    uint8_t bytes[16];
+    memcpy(bytes, from, 16);
+    memcpy(to, bytes, 16);
+}
+
+// Copies a payload of 1 to kShortPayload bytes, exactly `length` bytes:
+// up to 32 bytes with two overlapping loads and stores of the widest size
+// that fits, beyond that in blocks of 16 and a last block that overlaps.
 inline void CopyShortPayload(uint8_t *to, const uint8_t *from, uint32_t length) {
-    if (length > 16) {
-        uint8_t head[16], tail[16];
-        memcpy(head, from, 16);
-        memcpy(tail, from + length - 16, 16);
-        memcpy(to, head, 16);
-        memcpy(to + length - 16, tail, 16);
+    if (length > 32) {
+        for (uint32_t i = 0; i < length - 16; i += 16)
+            Copy16(to + i, from + i);
+        Copy16(to + length - 16, from + length - 16);
+    } else if (length > 16) {
+        Copy16(to, from);
+        Copy16(to + length - 16, from + length - 16);
     } else if (length >= 8) {
         uint64_t head, tail;
         memcpy(&head, from, 8);

@@ -67,14 +67,14 @@ TEST_F(MutationTest, ChangedValuesAreStoredLoggedInTheirOwnWidthAndMarked) {
 }
 
 TEST_F(MutationTest, EveryLengthIsLoggedByteExactAndMarksEveryPageItTouches) {
-    // Lengths on both sides of every copy width, of the short copy's limit,
-    // and changes that end on or cross a page's last byte.
-    uint8_t source[48];
+    // Lengths on both sides of every copy width, of the short copy's limit
+    // (128 bytes), and changes that end on or cross a page's last byte.
+    uint8_t source[136];
     for (uint32_t i = 0; i < sizeof source; ++i)
         source[i] = static_cast<uint8_t>(0xA0 + i);
     uint8_t *page_end = region_->base + 2 * Page();
     LumMemLogCpyInt(&segment_, target_ + 256, 1); // opens the buffer with its LOG_SIZE
-    for (uint32_t length = 1; length <= 40; ++length) {
+    for (uint32_t length = 1; length <= sizeof source; ++length) {
         for (uint8_t *at : {target_, page_end - length, page_end - length / 2}) {
             SCOPED_TRACE(testing::Message() << "length " << length << " at "
                                             << at - region_->base);
