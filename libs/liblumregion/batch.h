@@ -5,8 +5,9 @@
 // counters. Each through _LumImageMarkDirty would test the buffer, the
 // region's state and the dirty maps anew, and reload them after every
 // byte store into the image, which the compiler must assume may alias
-// them. A batch makes those tests once when it opens and keeps its append
-// position, the buffer's end and the dirty maps' words in registers.
+// them. A batch makes those tests once when it opens, with room for the
+// whole operation, and keeps its append position and the dirty maps'
+// words in registers.
 //
 // A batch appends the records that _LumImageMarkDirty would append, in the
 // same order, and marks each record's page behind it. Its appends become

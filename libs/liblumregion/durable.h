@@ -189,15 +189,12 @@ inline void Copy16(uint8_t *to, const uint8_t *from) {
 }
 
 // Copies a payload of 1 to kShortPayload bytes, exactly `length` bytes:
-// up to 32 bytes with two overlapping loads and stores of the widest size
-// that fits, beyond that in blocks of 16 and a last block that overlaps.
+// above 16 bytes in blocks of 16 and a last block that overlaps, below
+// with two overlapping loads and stores of the widest size that fits.
 inline void CopyShortPayload(uint8_t *to, const uint8_t *from, uint32_t length) {
-    if (length > 32) {
+    if (length > 16) {
         for (uint32_t i = 0; i < length - 16; i += 16)
             Copy16(to + i, from + i);
-        Copy16(to + length - 16, from + length - 16);
-    } else if (length > 16) {
-        Copy16(to, from);
         Copy16(to + length - 16, from + length - 16);
     } else if (length >= 8) {
         uint64_t head, tail;
