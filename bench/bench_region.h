@@ -6,8 +6,9 @@
 #include <string>
 #include <unistd.h>
 
-#include "durable.h"
+#include "durable/write_path.h"
 #include "lumregion.h"
+#include "verify/verify.h"
 
 inline constexpr uint32_t kMiB = 1024 * 1024;
 

@@ -22,9 +22,8 @@
 #include "lum_rs.h"
 #include "lumregion.h"
 
-/* The checkpoint thread visits regions once a minute; the demo runs its
- * pass at once. */
-extern void _LumCheckpointPass(void);
+/* The checkpoint thread visits regions once a minute; the demo checkpoints
+ * at once with LumRegionCheckpoint. */
 
 #define MIB (1024u * 1024u)
 
@@ -169,7 +168,7 @@ static int persistent_region(const char *directory) {
     print_segment(segment);
     print_files(directory);
 
-    _LumCheckpointPass();
+    LumRegionCheckpoint(region);
     for (int i = 0; i < 8; ++i)
         LumMemLogCpyInt(segment, &entries[i]->balance, 100 * (i + 1));
     LumRegionCommit(region);
@@ -177,7 +176,7 @@ static int persistent_region(const char *directory) {
            "which acknowledged the checkpoint:\n");
     print_files(directory);
 
-    _LumCheckpointPass();
+    LumRegionCheckpoint(region);
     for (int i = 0; i < 8; i += 2)
         LumMemFree(segment, entries[i]);
     LumMemLogCpy(segment, entries[1]->note, "closed", 7);

@@ -347,6 +347,17 @@ LUMREGION_API void LumRegionOffline(LumRegion *region);
  *  null handle. */
 LUMREGION_API void LumRegionOnline(LumRegion *region);
 
+/** Runs one checkpoint of @p region on the caller's thread, as the
+ *  background thread does once a minute: the pages changed since the last
+ *  checkpoint of the next generation's parity go to its chk file. The next
+ *  LumRegionCommit acknowledges it; until then recovery does not use it.
+ *  Waits for a checkpoint of the region in progress on the background
+ *  thread.
+ *  @return 0; -19 for a null handle, a region that is not persistent or is
+ *  offline, a checkpoint that the last commit has not acknowledged yet, or
+ *  a write to the chk file that failed (reported in the log). */
+LUMREGION_API int32_t LumRegionCheckpoint(LumRegion *region);
+
 /* ---------------------------------------------------------------------- */
 /* Logged writes                                                          */
 /* ---------------------------------------------------------------------- */

@@ -145,7 +145,9 @@ FileFaults::~FileFaults() {
     active_ = nullptr;
 }
 
-bool FileFaults::FailsNow() { return ++active_->writes == active_->fail_write_at; }
+bool FileFaults::FailsNow() {
+    return ++active_->writes == active_->fail_write_at;
+}
 
 ssize_t FileFaults::Write(int fd, const void *buffer, size_t count) {
     if (!FailsNow())

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "lum_rs.h"
-#include "platform.h"
+#include "platform/platform.h"
 
 namespace lumtest {
 

@@ -1,0 +1,288 @@
+// Checkpoints: the thread "REGIONCHKPT", its pass over the registry, and
+// _LumRegionCheckpoint, which writes a region's dirty pages to the chk file
+// of the next generation while the host goes on writing.
+//
+// States of checkpoint_state, and who moves them:
+//   ACKED    -> RUNNING  _LumRegionCheckpoint starts              (checkpoint)
+//   RUNNING  -> DONE     all pages written, next_generation = G+1 (checkpoint)
+//   RUNNING  -> ACKED    a write failed, next_generation = G+2,
+//                        or G when the checkpoint did not switch  (checkpoint)
+//   DONE     -> ACKED    a commit writes LOG_CHECKPOINT           (commit.cc)
+// Each transition has one writer: the checkpoint leaves ACKED and RUNNING,
+// the commit leaves DONE. next_generation is stored before the state with
+// release order, and read after the state with acquire order, so whoever
+// sees a new state sees the next_generation that goes with it.
+//
+// The fuzzy write: a checkpoint stops nobody. It clears a page's bit before
+// it reads the page, and a write barrier lies between the two, so a change
+// after the clear marks the page again for this file's next checkpoint, and
+// a change before it is in the page. Pages may hold changes of a transaction
+// in flight; the chk file counts only once a later commit acknowledges it,
+// when the log holds all those records.
+//
+// The thread sleeps on region_checkpoint_event for 60 seconds, or until
+// LumRegionShutdown signals it, and then visits every registered region.
+// Lock order: region_registry_mutex, then visit_lock, then the region's
+// mutex, then its handle_mutex. visit_lock is taken with the reference,
+// inside the registry mutex, and released after the reference is dropped,
+// so a host that removed a region from the registry and then takes
+// visit_lock knows that no visit of that region is running or can begin.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <unistd.h>
+
+#include "durable/durable.h"
+#include "platform/platform.h"
+
+#if defined(__SANITIZE_THREAD__)
+#define LUM_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define LUM_THREAD_SANITIZER 1
+#endif
+#endif
+#ifdef LUM_THREAD_SANITIZER
+extern "C" void AnnotateIgnoreReadsBegin(const char *file, int line);
+extern "C" void AnnotateIgnoreReadsEnd(const char *file, int line);
+#endif
+
+namespace {
+
+constexpr uint32_t kSleepMilliseconds = 60000;
+
+// The fuzzy read of a page that the writer may be changing is the intended
+// race of a checkpoint; under ThreadSanitizer it is declared as such, and
+// nothing else is hidden.
+struct FuzzyPageRead {
+#ifdef LUM_THREAD_SANITIZER
+    FuzzyPageRead() {
+        AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
+    }
+    ~FuzzyPageRead() {
+        AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
+    }
+#endif
+};
+
+std::mutex visit_lock;
+
+void Report(uint32_t id, const char *text) {
+    LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, id, "%s", text);
+}
+
+// A chk header's timestamp is newer than any this handle wrote before, so
+// two acknowledged chk files are ordered by time as by generation.
+int32_t NextTimestamp(LumRegion *region) {
+    int32_t now = static_cast<int32_t>(time(nullptr));
+    region->last_checkpoint_time = std::max(now, region->last_checkpoint_time + 1);
+    return region->last_checkpoint_time;
+}
+
+// Writes page `page` of the image to the chk file and returns what
+// _LumPwrite did: the page size, short, or -1 with errno. The first 32 bytes
+// of page 0 are the file's header and are not written over; they count as
+// written, so a failed write of page 0 gives 31.
+ssize_t WritePage(LumRegion *region, int fd, uint32_t page) {
+    [[maybe_unused]] FuzzyPageRead fuzzy;
+    if (page == 0) {
+        return _LumPwrite(fd, region->base + file_header::kSize,
+                          region_page_size - file_header::kSize, file_header::kSize) +
+               file_header::kSize;
+    }
+    uint64_t offset = static_cast<uint64_t>(page) * region_page_size;
+    return _LumPwrite(fd, region->base + offset, region_page_size, static_cast<int64_t>(offset));
+}
+
+// The marks of one window of pages [first, end), taken from a map at once,
+// so that one write barrier serves them all (pagetable.cc says why it is
+// needed). 64 words: 8 MiB of 4 KiB pages.
+struct Window {
+    static constexpr uint32_t kWords = 64;
+    static constexpr uint32_t kPages = kWords * kPagesPerMapWord;
+    uint32_t first; // a multiple of kPagesPerMapWord
+    uint32_t end;
+    uint32_t marks[kWords];
+
+    bool Marked(uint32_t page) const {
+        uint32_t index = page - first;
+        return (marks[index / kPagesPerMapWord] >> (index % kPagesPerMapWord) & 1) != 0;
+    }
+};
+
+// Clears the window's marks in the map and keeps them. True when any was set.
+bool TakeMarks(DirtyMap *map, Window *window) {
+    bool any = false;
+    for (uint32_t i = 0; window->first + i * kPagesPerMapWord < window->end; ++i) {
+        uint32_t from = window->first + i * kPagesPerMapWord;
+        uint32_t count = std::min(kPagesPerMapWord, window->end - from);
+        uint32_t bits = count == kPagesPerMapWord ? ~0u : (1u << count) - 1;
+        window->marks[i] = _LumDirtyMapTake(map, from / kPagesPerMapWord, bits);
+        any = any || window->marks[i] != 0;
+    }
+    return any;
+}
+
+// Marks again the pages from `page` on that the window took and did not write.
+void GiveBackMarks(DirtyMap *map, const Window &window, uint32_t page) {
+    for (; page < window.end; ++page) {
+        if (window.Marked(page))
+            _LumDirtyMapSet(map, page);
+    }
+}
+
+// Writes the window's marked pages. When the image turns out to end inside
+// the window, *pages becomes the new end. False on a failed write.
+bool WriteWindow(LumRegion *region, int fd, DirtyMap *map, const Window &window, uint32_t *pages) {
+    for (uint32_t page = window.first; page < window.end; ++page) {
+        if (!window.Marked(page))
+            continue;
+        errno = 0;
+        ssize_t written = WritePage(region, fd, page);
+        if (written == -1 && errno == EFAULT && page > 0) {
+            GiveBackMarks(map, window, page);
+            *pages = page; // the image shrank under the checkpoint: it ends here
+            return true;
+        }
+        if (written != static_cast<ssize_t>(region_page_size)) {
+            int error = errno;
+            GiveBackMarks(map, window, page);
+            LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 7,
+                   "_LumRegionCheckpoint(): write failed: written %d, pagesize %u, errno %d (%s)",
+                   static_cast<int>(written), region_page_size, error, strerror(error));
+            return false;
+        }
+    }
+    return true;
+}
+
+// Writes every marked page below `used`, window by window, and cuts the
+// file where the image ends. False on a failed barrier, write or truncate
+// (after reporting it); the marks of pages not written stay.
+bool WriteDirtyPages(LumRegion *region, int parity) {
+    DirtyMap *map = region->dirty_map[parity];
+    int fd = region->chk_fd[parity];
+    uint32_t pages = region->used.load(std::memory_order_relaxed) / region_page_size;
+    for (uint32_t first = 0; first < pages; first += Window::kPages) {
+        Window window{first, std::min(pages, first + Window::kPages), {}};
+        if (!TakeMarks(map, &window))
+            continue;
+        if (region_write_barrier != 0) {
+            if (int error = lum_platform.flush_write_buffers(); error != 0) {
+                GiveBackMarks(map, window, first);
+                LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 30,
+                       "_LumRegionCheckpoint(): write barrier failed: %s", strerror(error));
+                return false;
+            }
+        }
+        if (!WriteWindow(region, fd, map, window, &pages))
+            return false;
+    }
+    if (lum_platform.ftruncate(fd, static_cast<off_t>(pages) * region_page_size) != 0) {
+        LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 8,
+               "_LumRegionCheckpoint(): couldn't truncate after chkpting: ftruncate(): %s",
+               strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+// One visit, under the region's mutex so that the region cannot go offline
+// during it.
+void VisitRegion(LumRegion *region) {
+    LumMutexLock(region->mutex);
+    if (region->online.load(std::memory_order_relaxed) != 0 &&
+        region->checkpointing.load(std::memory_order_relaxed) != 0 && IsPersistent(region))
+        _LumRegionCheckpoint(region);
+    LumMutexUnlock(region->mutex);
+}
+
+} // namespace
+
+int32_t _LumRegionCheckpoint(LumRegion *region) {
+    LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 2,
+           "_LumRegionCheckpoint(): starting region %s", region->name);
+    if (region->checkpoint_state.load(std::memory_order_acquire) != CHECKPOINT_ACKED) {
+        Report(3, "_LumRegionCheckpoint(): last checkpoint not yet acknowledged");
+        return LUM_RC_FAILURE;
+    }
+    region->checkpoint_state.store(CHECKPOINT_RUNNING, std::memory_order_relaxed);
+
+    // The switch: from this store on, flushes go to the new generation's log.
+    uint32_t old_generation = region->generation.load(std::memory_order_relaxed);
+    uint32_t generation = region->next_generation.load(std::memory_order_relaxed);
+    if (generation != old_generation)
+        region->generation.store(generation, std::memory_order_release);
+    int parity = generation % 2;
+
+    bool written = true;
+    if (_LumFileHeaderWriteStamped(region->chk_fd[parity], generation, NextTimestamp(region)) !=
+        0) {
+        Report(6, "_LumRegionCheckpoint(): failed to write file header");
+        written = false;
+    } else {
+        written = WriteDirtyPages(region, parity);
+    }
+
+    if (!written) {
+        // A checkpoint that switched moves on by two, back to this parity, so
+        // the last acknowledged pair stays alone. One that did not switch
+        // retries its own generation, whose log is the only history.
+        uint32_t retry = generation == old_generation ? generation : generation + 2;
+        region->next_generation.store(retry, std::memory_order_relaxed);
+        region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_release);
+        return LUM_RC_FAILURE;
+    }
+    region->next_generation.store(generation + 1, std::memory_order_relaxed);
+    region->checkpoint_state.store(CHECKPOINT_DONE, std::memory_order_release);
+    LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 9,
+           "_LumRegionCheckpoint(): done region %s", region->name);
+    return 0;
+}
+
+int32_t LumRegionCheckpoint(LumRegion *region) {
+    if (region == nullptr || !IsPersistent(region))
+        return LUM_RC_FAILURE;
+    LumMutexLock(region->mutex);
+    int32_t rc = region->online.load(std::memory_order_relaxed) != 0 ? _LumRegionCheckpoint(region)
+                                                                     : LUM_RC_FAILURE;
+    LumMutexUnlock(region->mutex);
+    return rc;
+}
+
+void _LumCheckpointPass() {
+    LumMutexLock(region_registry_mutex);
+    for (LumRegion *region : region_registry) {
+        if (region == nullptr)
+            continue;
+        _LumRegionRef(region);
+        visit_lock.lock();
+        LumMutexUnlock(region_registry_mutex);
+        VisitRegion(region);
+        _LumRegionUnref(region);
+        visit_lock.unlock();
+        LumMutexLock(region_registry_mutex);
+    }
+    LumMutexUnlock(region_registry_mutex);
+}
+
+void RegionAwaitVisit() {
+    std::lock_guard<std::mutex> wait(visit_lock);
+}
+
+uintptr_t _LumCheckpointThread(uintptr_t word) {
+    Report(10, "CHKPT: started");
+    for (;;) {
+        Report(11, "CHKPT: sleeping ...");
+        LumEventTimedWait(region_checkpoint_event, kSleepMilliseconds);
+        Report(12, "CHKPT: awake");
+        if (LumThreadShouldContinue(word) == 0) {
+            Report(13, "CHKPT: told to stop during sleep");
+            Report(14, "CHKPT: stopped");
+            return 0;
+        }
+        _LumCheckpointPass();
+    }
+}

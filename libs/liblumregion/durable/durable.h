@@ -1,0 +1,127 @@
+// Durability state and operations: the log buffer, the dirty-page maps,
+// and the operations of the files, the log, the checkpoint and the
+// snapshot. The inline path through which every change of the image
+// reaches them is in write_path.h.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <sys/types.h>
+
+#include "durable/formats.h"
+#include "region/region.h"
+
+// The records of a persistent region waiting for the next flush, in the
+// form in which they go to the log. Invariant: data holds whole records
+// from 0 to used, and used <= capacity.
+struct LogBuffer {
+    uint32_t capacity;
+    uint8_t *data;
+    uint32_t used;
+};
+
+inline constexpr uint32_t kPagesPerMapWord = 32;
+
+// One bit per page of the reservation: set when the page may differ from
+// the chk file of the map's parity. Allocated as one block: page_count,
+// then the bit words (page i is bit i % 32 of word i / 32), rounded up to
+// whole words. The writer sets bits while the checkpoint thread clears
+// them, so every bit is read and changed atomically (see pagetable.cc).
+struct DirtyMap {
+    int32_t page_count;
+    uint32_t *Words() { return reinterpret_cast<uint32_t *>(this + 1); }
+};
+static_assert(sizeof(DirtyMap) == 4);
+
+// file_io.cc ----------------------------------------------------------------
+
+// Writes a new header for `generation` at offset 0, leaving the file
+// position alone. Returns 0, or -19 when fewer than 32 bytes were written.
+int32_t _LumFileHeaderWrite(int fd, uint32_t generation);
+// The same with a given timestamp in place of the present time.
+int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp);
+// Reads the 32 header bytes at offset 0 without judging them. 0 or -19.
+int32_t _LumFileHeaderRead(int fd, uint8_t *header);
+
+// Read or write `count` bytes at file offset `offset`: the count, short at
+// the end of the file (reads), or -1 with errno. A write from memory that
+// vanished under it gives -1 with errno EFAULT, and the process goes on.
+ssize_t _LumPread(int fd, void *buffer, uint32_t count, int64_t offset);
+ssize_t _LumPwrite(int fd, const void *buffer, uint32_t count, int64_t offset);
+
+// logged_write.cc ------------------------------------------------------------
+
+// The logged writes of the library's own bookkeeping: no mutation check and
+// no report. _LumMemCopy always writes; _LumMemWriteWord only a new value.
+void *_LumMemCopy(LumSegment *segment, void *target, const void *source, uint32_t length);
+void _LumMemWriteWord(LumSegment *segment, void *target, uint32_t value);
+
+// log_buffer.cc -------------------------------------------------------------
+
+// A buffer for records of up to `size` bytes: capacity is the larger of
+// 131072 and size + 12. Null when memory fails.
+LogBuffer *_LumLogBufferCreate(uint32_t size);
+void _LumLogBufferDestroy(LogBuffer *buffer);
+
+// Appends a record to the region's log buffer; for LOG_DATA the payload is
+// copied from the image at base + value, as it stands now. Does nothing for
+// a volatile or offline region. Failure is a state: see log_failed.
+LUM_SLOW_PATH void _LumLogBufferAppend(LumRegion *region, uint32_t type, uint32_t value,
+                                       uint32_t length);
+
+// Writes the buffer to the log of the current generation's parity,
+// restarting that log first when the generation has moved since the last
+// flush. Does nothing for a volatile or offline region, or a failed log.
+void _LumLogBufferFlush(LumRegion *region);
+
+// dirty_map.cc ---------------------------------------------------------------
+
+// A map for the pages of `size` bytes (rounded down to pages); null when it
+// would have no page or memory fails. Free with lum_free.
+DirtyMap *_LumDirtyMapCreate(uint32_t size);
+DirtyMap *_LumDirtyMapAlloc(int32_t page_count);
+// Sets (set != 0) or clears every bit of dirty_map[index], rounding included.
+void _LumDirtyMapFill(LumRegion *region, int32_t index, int32_t set);
+int32_t _LumDirtyMapTest(DirtyMap *map, uint32_t page);
+void _LumDirtyMapSet(DirtyMap *map, uint32_t page);
+// Clears the bits of `bits` in word `word` (pages 32 word to 32 word + 31)
+// and returns those of them that were set: the checkpoint's take.
+uint32_t _LumDirtyMapTake(DirtyMap *map, uint32_t word, uint32_t bits);
+
+// _LumImageMarkDirty of image bytes [offset, offset + length) for any
+// length and any state of the buffer: the record in place or through
+// _LumLogBufferAppend, then the bits of every page.
+__attribute__((noinline)) void _LumImageMarkDirtyOutOfLine(LumRegion *region, uint32_t offset,
+                                                           uint32_t length);
+
+// checkpoint.cc -------------------------------------------------------------
+
+// Writes the pages marked in the map of the next generation's parity to its
+// chk file, switching `generation` first when next_generation differs. The
+// caller holds the region's mutex. 0, or -19 when the last checkpoint is
+// not acknowledged yet or a write fails.
+int32_t _LumRegionCheckpoint(LumRegion *region);
+
+// Body of the thread "REGIONCHKPT".
+uintptr_t _LumCheckpointThread(uintptr_t word);
+
+// Walks the registry once, as the checkpoint thread does after each sleep,
+// checkpointing every online persistent region that allows it.
+void _LumCheckpointPass();
+
+// Returns once no checkpoint visit that had begun at the call is running.
+// A region that has left the registry can then not be visited any more.
+void RegionAwaitVisit();
+
+// snapshot.cc -------------------------------------------------------------------
+
+// Writes the whole image of a persistent region to directory + name +
+// ".tab" by way of ".tabnew", forced to disk. Sets sync_failed. Returns 0,
+// errno of the failure, or -19 when errno is 0.
+int32_t _LumRegionSync(LumRegion *region, const char *directory);
+// `path` without its trailing separators (the first character always
+// stays), as a new string for lum_free. 0 or the conversion's code.
+int32_t _LumPathStrip(const char *path, char **stripped);
+// -412 when `path` (stripped already) names the home directory, compared
+// without regard to case; 0 otherwise; or the code of _LumPathStrip.
+int32_t _LumPathCheckHome(const char *home, const char *path);

@@ -1,0 +1,44 @@
+// File I/O of a region: positioned reads and writes, and the 32-byte
+// header at the head of every file.
+//
+// Reads and writes go to a file offset without moving the descriptor's
+// position, so that the checkpoint and the sync never race a seek. The
+// checkpoint and the sync write straight from the image, whose pages may be
+// decommitted under them when it shrinks; the kernel then fails the write
+// with EFAULT, which callers tell apart from a full disk or a bad
+// descriptor, and the process goes on.
+//
+// A reader of a header judges the magic alone; generation and timestamp
+// order the files.
+#include <cstring>
+#include <ctime>
+
+#include "durable/durable.h"
+#include "platform/platform.h"
+
+ssize_t _LumPread(int fd, void *buffer, uint32_t count, int64_t offset) {
+    return lum_platform.pread(fd, buffer, count, static_cast<off_t>(offset));
+}
+
+ssize_t _LumPwrite(int fd, const void *buffer, uint32_t count, int64_t offset) {
+    return lum_platform.pwrite(fd, buffer, count, static_cast<off_t>(offset));
+}
+
+int32_t _LumFileHeaderWrite(int fd, uint32_t generation) {
+    return _LumFileHeaderWriteStamped(fd, generation, static_cast<int32_t>(time(nullptr)));
+}
+
+int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp) {
+    uint8_t header[file_header::kSize];
+    lum_bzero(header, sizeof header);
+    memcpy(header + file_header::kMagic, file_header::kMagicText, 4);
+    memcpy(header + file_header::kVersion, file_header::kVersionText, 4);
+    ImageStore32(header + file_header::kGeneration, generation);
+    ImageStore32(header + file_header::kTimestamp, static_cast<uint32_t>(timestamp));
+    ImageStore32(header + file_header::kPageSize, region_page_size);
+    return _LumPwrite(fd, header, sizeof header, 0) == file_header::kSize ? 0 : LUM_RC_FAILURE;
+}
+
+int32_t _LumFileHeaderRead(int fd, uint8_t *header) {
+    return _LumPread(fd, header, file_header::kSize, 0) == file_header::kSize ? 0 : LUM_RC_FAILURE;
+}

@@ -1,0 +1,179 @@
+// Sync: writing the whole image of a persistent region as a snapshot, the
+// .tab file, into a directory. LumRegionClose syncs into the region's own
+// directory; LumRegionSyncAll syncs every registered persistent region
+// into another one while the regions stay open.
+//
+// A snapshot is written under ".tabnew", forced to disk, and renamed to
+// ".tab"; a failure before the rename never harms the existing .tab file.
+// Its header carries generation + 1, which makes it newer than the chk file
+// of the generation that wrote it. This is the only path of the library
+// that forces data to stable storage.
+//
+// What a failing step leaves:
+//   open      .tabnew as it was   .tab untouched       sync_failed 1
+//   header    .tabnew deleted     .tab untouched       sync_failed 1
+//   image     .tabnew deleted     .tab untouched       sync_failed 1
+//   rename    .tabnew complete    .tab deleted already sync_failed 1
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include "durable/durable.h"
+#include "platform/platform.h"
+
+namespace {
+
+// The result of a failed step: its errno, saved before logging and
+// clean-up can change it, or -19 when the step left none.
+int32_t FailureCode(int error) {
+    return error != 0 ? error : LUM_RC_FAILURE;
+}
+
+// Writes the snapshot to `tabnew`, forced to disk. 0, or the failure's code
+// after logging it, with the descriptor closed and a .tabnew file that was
+// opened deleted again.
+int32_t WriteSnapshot(LumRegion *region, const char *tabnew) {
+    errno = 0;
+    int fd = lum_platform.open(tabnew, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) {
+        int error = errno;
+        LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 21,
+               "Failed to open tabfile \"%s\" - data has NOT been synced", tabnew);
+        return FailureCode(error);
+    }
+    int error = 0;
+    uint32_t body = region->used - file_header::kSize;
+    if (_LumFileHeaderWrite(fd, region->generation.load(std::memory_order_relaxed) + 1) != 0) {
+        error = FailureCode(errno);
+        LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 22,
+               "Failed to write file header - data has NOT been synced");
+    } else if (_LumPwrite(fd, region->base + file_header::kSize, body, file_header::kSize) !=
+               static_cast<ssize_t>(body)) {
+        error = FailureCode(errno);
+        LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 23,
+               "Failed to write all data to \"%s\" - data has NOT been synced", tabnew);
+    } else {
+        lum_platform.fsync(fd);
+    }
+    lum_platform.close(fd);
+    if (error != 0)
+        lum_platform.unlink(tabnew);
+    return error;
+}
+
+// Frees the temporary strings of LumRegionSyncAll on every path.
+struct SyncAllStrings {
+    char *joined = nullptr;
+    uint16_t *wide = nullptr;
+    char *expanded = nullptr;
+    char *stripped = nullptr;
+    ~SyncAllStrings() {
+        lum_free(joined);
+        lum_free(wide);
+        lum_free(expanded);
+        lum_free(stripped);
+    }
+};
+
+// `path` with one separator behind it, unless it is empty or ends in one.
+int32_t WithSeparator(const char *path, SyncAllStrings &strings) {
+    size_t length = strlen(path);
+    strings.joined = static_cast<char *>(lum_malloc(length + 2));
+    if (strings.joined == nullptr)
+        return LUM_RC_NO_MEMORY;
+    if (int32_t rc = LumWStringStrToWStr(path, &strings.wide); rc != 0)
+        return rc;
+    size_t wide_length = 0;
+    while (strings.wide[wide_length] != 0)
+        ++wide_length;
+    const char separator[2] = {kPathSeparator, '\0'};
+    if (wide_length > 0 && strings.wide[wide_length - 1] != kPathSeparator)
+        LumConstructPath(strings.joined, length + 2, path, separator, static_cast<char *>(nullptr));
+    else
+        memcpy(strings.joined, path, length + 1);
+    return 0;
+}
+
+// Checks the target directory, creating it when it is missing (one level).
+int32_t PrepareDirectory(SyncAllStrings &strings) {
+    struct stat info;
+    if (lum_platform.stat(strings.stripped, &info) == 0)
+        return _LumPathCheckHome(region_home, strings.stripped);
+    if (errno != ENOENT)
+        return errno;
+    return lum_platform.mkdir(strings.expanded, 0700) == 0 ? 0 : errno;
+}
+
+} // namespace
+
+int32_t _LumRegionSync(LumRegion *region, const char *directory) {
+    LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 20,
+           "Attempting to sync region \"%s\"", region->name);
+    char tabnew[kPathBufferSize];
+    char tab[kPathBufferSize];
+    RegionFilePath(tabnew, directory, region->name, ".tabnew");
+    RegionFilePath(tab, directory, region->name, ".tab");
+    int32_t rc = WriteSnapshot(region, tabnew);
+    if (rc == 0) {
+        lum_platform.unlink(tab); // there may be none
+        errno = 0;
+        if (lum_platform.rename(tabnew, tab) != 0)
+            rc = FailureCode(errno);
+    }
+    region->sync_failed = rc != 0;
+    return rc;
+}
+
+int32_t LumRegionSyncAll(const char *path) {
+    if (path == nullptr || region_registry_mutex == nullptr)
+        return LUM_RC_FAILURE;
+    SyncAllStrings strings;
+    if (int32_t rc = WithSeparator(path, strings); rc != 0)
+        return rc;
+    if (int32_t rc = LumEnvExpandString(strings.joined, &strings.expanded); rc != 0)
+        return rc;
+    if (int32_t rc = _LumPathStrip(strings.expanded, &strings.stripped); rc != 0)
+        return rc;
+    if (int32_t rc = PrepareDirectory(strings); rc != 0)
+        return rc;
+
+    // Held through all the writing: the checkpoint thread waits at its next
+    // registry step, and no handle can leave the table meanwhile.
+    int32_t first_failure = 0;
+    LumMutexLock(region_registry_mutex);
+    for (LumRegion *region : region_registry) {
+        if (region == nullptr || !IsPersistent(region))
+            continue;
+        int32_t rc = _LumRegionSync(region, strings.expanded);
+        if (first_failure == 0)
+            first_failure = rc;
+    }
+    LumMutexUnlock(region_registry_mutex);
+    return first_failure;
+}
+
+int32_t _LumPathStrip(const char *path, char **stripped) {
+    uint16_t *wide;
+    if (int32_t rc = LumWStringStrToWStr(path, &wide); rc != 0)
+        return rc;
+    size_t last = 0;
+    while (wide[last] != 0)
+        ++last;
+    // The first character always stays: a lone separator is a path.
+    while (last > 1 && wide[last - 1] == kPathSeparator)
+        wide[--last] = 0;
+    int32_t rc = LumWStringWStrToStr(wide, stripped);
+    lum_free(wide);
+    return rc;
+}
+
+int32_t _LumPathCheckHome(const char *home, const char *path) {
+    char *stripped_home;
+    if (int32_t rc = _LumPathStrip(home, &stripped_home); rc != 0)
+        return rc;
+    int32_t rc = strcasecmp(stripped_home, path) == 0 ? LUM_RC_BAD_PATH : 0;
+    lum_free(stripped_home);
+    return rc;
+}

@@ -1,0 +1,117 @@
+// Creating a region: checking the caller's arguments, building the handle
+// and its image, initialising the region header, and making the region
+// known to the registry.
+#include "alloc/layout.h"
+#include "durable/write_path.h"
+#include "region/region.h"
+
+namespace {
+
+bool IsKnownType(int32_t type) {
+    return type == LUM_REGION_PERSISTENT || type == LUM_REGION_VOLATILE ||
+           type == LUM_REGION_SCRATCH;
+}
+
+// A persistent region needs a directory that is not relative to '.'.
+bool DirectoryAcceptable(int32_t type, const char *directory) {
+    return type != LUM_REGION_PERSISTENT || (directory != nullptr && directory[0] != '.');
+}
+
+// Writes the header of a new image. The reserved words, segment_map and the
+// gap up to the first extent are left alone: freshly committed memory reads
+// as zero.
+void InitialiseRegionHeader(LumRegion *region) {
+    uint8_t *base = region->base;
+    _LumPageUnprotect(region, base, region_header::kSize);
+    ImageStore32(base + region_header::kSegmentCount, 0);
+    _LumFreeListInit(region, base + region_header::kExtentBins);
+    ImageStore32(base + region_header::kPageSizeWord, region_page_size | 2);
+    _LumPageProtect(region, base, region_header::kSize);
+    _LumImageMarkDirty(region, base, region_header::kSize);
+}
+
+// Creates the four working files, emptying those of an earlier region of
+// the name; an existing .tab file is left alone. All four are tried.
+int32_t CreateWorkingFiles(LumRegion *region) {
+    int32_t failed = 0;
+    failed |= _LumRegionFileCreate(region->name, region->directory, "_0.chk", &region->chk_fd[0]);
+    failed |= _LumRegionFileCreate(region->name, region->directory, "_1.chk", &region->chk_fd[1]);
+    failed |= _LumRegionFileCreate(region->name, region->directory, "_0.log", &region->log_fd[0]);
+    failed |= _LumRegionFileCreate(region->name, region->directory, "_1.log", &region->log_fd[1]);
+    return failed == 0 ? 0 : LUM_RC_FILE_CREATE;
+}
+
+// Undoes a region that failed half-way: its files and its image.
+int32_t AbandonRegion(LumRegion *region, int32_t rc, LumRegion **out) {
+    _LumRegionCloseFiles(region);
+    _LumRegionDeleteFiles(region, 0);
+    _LumImageDestroy(region);
+    *out = nullptr;
+    return rc;
+}
+
+} // namespace
+
+int32_t _LumRegionNew(const char *name, int32_t type, uint32_t hard_limit, uint32_t soft_limit,
+                      uint32_t largest_record, int32_t protect, const char *directory,
+                      LumRegion **out) {
+    LumRegion *region;
+    int32_t rc = _LumImageCreate(name, type, hard_limit, soft_limit, largest_record, protect,
+                                 directory, &region);
+    if (rc != 0) {
+        *out = nullptr;
+        return rc;
+    }
+    if (IsPersistent(region)) {
+        if (int32_t failed = CreateWorkingFiles(region); failed != 0)
+            return AbandonRegion(region, failed, out);
+        // Both chk files are empty: every page differs from both.
+        _LumDirtyMapFill(region, 0, 1);
+        _LumDirtyMapFill(region, 1, 1);
+    } else {
+        for (int parity = 0; parity < 2; ++parity) {
+            region->chk_fd[parity] = -1;
+            region->log_fd[parity] = -1;
+        }
+    }
+    region->checkpointing.store(1, std::memory_order_relaxed);
+    region->generation.store(0, std::memory_order_relaxed);
+    region->next_generation.store(0, std::memory_order_relaxed);
+    region->flushed_generation.store(99, std::memory_order_relaxed); // differs: first flush zaps
+    region->sync_failed = 0;
+    region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_relaxed);
+    region->online.store(1, std::memory_order_relaxed); // so that the sizing below is logged
+
+    // Nothing is flushed here: the files stay empty until the first flush
+    // or checkpoint, and flushed_generation 99 makes that flush start "_0.log".
+    if (rc = _LumImageSetSize(region, region_header::kSize); rc != 0)
+        return AbandonRegion(region, rc, out);
+    InitialiseRegionHeader(region);
+    *out = region;
+    return 0;
+}
+
+int32_t LumRegionCreate(const char *name, int32_t type, uint32_t hard_limit, uint32_t soft_limit,
+                        uint32_t largest_record, int32_t protect, const char *directory,
+                        LumRegion **out_region, void **out_base) {
+    if (name == nullptr || out_region == nullptr || out_base == nullptr || !IsKnownType(type))
+        return LUM_RC_FAILURE;
+    if (region_started == 0 || region_registry_mutex == nullptr)
+        return LUM_RC_FAILURE;
+    if (!DirectoryAcceptable(type, directory))
+        return LUM_RC_FAILURE;
+    if (type != LUM_REGION_PERSISTENT)
+        directory = nullptr;
+    if (!RegionNameAndDirectoryFit(name, directory))
+        return LUM_RC_FAILURE;
+    LumRegion *region;
+    int32_t rc = _LumRegionNew(name, type, hard_limit, soft_limit, largest_record, protect,
+                               directory, &region);
+    if (rc != 0)
+        return rc;
+    _LumRegionRef(region);
+    _LumRegistryAdd(region);
+    *out_region = region;
+    *out_base = region->base;
+    return 0;
+}

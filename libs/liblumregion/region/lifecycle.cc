@@ -1,0 +1,109 @@
+// The life of a handle after creation: references, the registry of open
+// regions, and the two ends of a region, close and drop.
+//
+// Life of a handle:
+//   being built  _LumImageCreate             refs 0  not registered
+//   open         Ref + RegistryAdd           refs 1  registered
+//   visited      the checkpoint thread's Ref refs 2  registered
+//   closing      RegistryRemove              refs 1-2 not registered
+//   gone         the Unref that finds 0
+// Locks: region_registry_mutex may be held while a handle_mutex is taken,
+// never the other way round; _LumRegionUnref runs outside the registry mutex.
+#include "durable/durable.h"
+#include "platform/platform.h"
+#include "region/region.h"
+
+void _LumRegionRef(LumRegion *region) {
+    LumMutexLock(region->handle_mutex);
+    ++region->ref_count;
+    LumMutexUnlock(region->handle_mutex);
+}
+
+void _LumRegionUnref(LumRegion *region) {
+    LumMutexLock(region->handle_mutex);
+    if (--region->ref_count > 0) {
+        LumMutexUnlock(region->handle_mutex);
+        return;
+    }
+    // The last holder: handle_mutex is destroyed held, with the handle.
+    _LumRegionCloseFiles(region);
+    _LumRegionDeleteFiles(region, region->drop_requested);
+    _LumImageDestroy(region);
+}
+
+void _LumRegistryAdd(LumRegion *region) {
+    LumMutexLock(region_registry_mutex);
+    for (LumRegion *&slot : region_registry) {
+        if (slot == nullptr) {
+            slot = region;
+            break;
+        }
+    }
+    LumMutexUnlock(region_registry_mutex);
+}
+
+int32_t _LumRegistryRemove(LumRegion *region) {
+    LumMutexLock(region_registry_mutex);
+    for (LumRegion *&slot : region_registry) {
+        if (slot == region) {
+            slot = nullptr;
+            break;
+        }
+    }
+    LumMutexUnlock(region_registry_mutex);
+    return 0;
+}
+
+void _LumRegionCloseFiles(LumRegion *region) {
+    if (!IsPersistent(region))
+        return;
+    for (int fd : {region->chk_fd[0], region->log_fd[0], region->chk_fd[1], region->log_fd[1]}) {
+        if (fd != -1)
+            lum_platform.close(fd);
+    }
+}
+
+void _LumRegionDeleteFiles(LumRegion *region, int32_t with_tab) {
+    if (!IsPersistent(region))
+        return;
+    char path[kPathBufferSize];
+    if (region->sync_failed == 0) {
+        for (const char *suffix : {"_0.chk", "_1.chk", "_0.log", "_1.log"}) {
+            RegionFilePath(path, region->directory, region->name, suffix);
+            lum_platform.unlink(path);
+        }
+    }
+    if (with_tab) {
+        RegionFilePath(path, region->directory, region->name, ".tab");
+        lum_platform.unlink(path);
+    }
+}
+
+// Ends the host's reference. A checkpoint visit that began before the
+// region left the registry is waited for, so that the host's reference is
+// the last: the handle, and the files that must go, are gone on return.
+static void ReleaseHostReference(LumRegion *region, int32_t drop) {
+    _LumRegistryRemove(region);
+    RegionAwaitVisit();
+    region->drop_requested = drop;
+    _LumRegionUnref(region);
+}
+
+// A persistent region is synced to its own directory first; the working
+// files go with the last reference only when that sync succeeded.
+int32_t LumRegionClose(LumRegion *region) {
+    if (region == nullptr)
+        return LUM_RC_FAILURE;
+    int32_t rc = IsPersistent(region) ? _LumRegionSync(region, region->directory) : 0;
+    ReleaseHostReference(region, 0);
+    return rc;
+}
+
+int32_t LumRegionDrop(LumRegion *region) {
+    if (region == nullptr)
+        return LUM_RC_FAILURE;
+    if (ImageLoad32(region->base + region_header::kSegmentCount) != 0)
+        return LUM_RC_SEGMENTS_REMAIN;
+    ReleaseHostReference(region, 1);
+    return 0;
+}

@@ -1,0 +1,239 @@
+// Starting and stopping the library. It starts once per process, so every
+// test does its work in a forked child and reports through its exit code
+// (0 for success, the failing check's line otherwise).
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+
+#include "frame/frame.h"
+#include "test_support.h"
+
+using lumtest::ExitCode;
+using lumtest::RunInChild;
+
+namespace {
+
+#define CHILD_CHECK(condition)                                                                     \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition);                        \
+            return __LINE__ % 250 + 1;                                                             \
+        }                                                                                          \
+    } while (0)
+
+// A property manager, with the library's properties defined or not.
+LumPropMgr *Properties(bool defined = true) {
+    LumPropMgr *properties = nullptr;
+    LumPropMgrCreate(&properties);
+    if (defined)
+        LumRegionPropMgrInitialise(properties);
+    return properties;
+}
+
+// Properties from a command line that sets every switch to the opposite of
+// its default. The parse must leave the host's own argument; when it does
+// not, this gives no properties, so the defaults, and the start's row fails.
+LumPropMgr *PropertiesFromOptions() {
+    LumPropMgr *properties = Properties();
+    LumArgMgr *arguments = nullptr;
+    char program[] = "host", verify[] = "-regionnoverifyonrecovery",
+         protect[] = "-regionprotectall", check[] = "-regionmutationcheck", own[] = "-own";
+    char *argv[] = {program, verify, own, protect, check, nullptr};
+    int argc = 5;
+    bool parsed = LumArgMgrCreate(properties, &arguments) == 0 &&
+                  LumRegionArgMgrInitialise(arguments) == 0 &&
+                  LumArgMgrParse(arguments, &argc, argv) == 0;
+    return parsed && argc == 2 && strcmp(argv[1], "-own") == 0 ? properties : nullptr;
+}
+
+bool CheckpointThreadRuns() {
+    auto names = lumtest::ThreadNames();
+    return std::find(names.begin(), names.end(), "REGIONCHKPT") != names.end();
+}
+
+int32_t CreateVolatile(LumRegion **region) {
+    void *base;
+    return LumRegionCreate("r", LUM_REGION_VOLATILE, 1 << 20, 1 << 20, 0, 0, nullptr, region,
+                           &base);
+}
+
+void ExpectChildPasses(const std::function<int()> &body, const std::string &what = "") {
+    EXPECT_EQ(ExitCode(RunInChild(body)), 0) << what;
+}
+
+} // namespace
+
+// The first start runs the named checkpoint thread, keeps the data directory
+// with one trailing separator added unless it has one, reads the switches,
+// probes the write barrier and registers the result codes' texts. Later
+// starts change nothing; a stop ends the thread.
+TEST(Startup, FirstStartSetsUpTheLibraryUntilItStops) {
+    using Switches = std::array<int32_t, 4>; // barrier, protect all, mutation check, verify
+    enum Source { kDefined, kUndefined, kOptions };
+    struct Row {
+        const char *what, *home;
+        Source properties;
+        const char *kept_home;
+        Switches switches;
+    };
+    const Row rows[] = {
+        {"defaults", "/data", kDefined, "/data/", {1, 0, 0, 1}},
+        {"home ending in a separator", "/data/", kDefined, "/data/", {1, 0, 0, 1}},
+        {"home ending in two", "/data//", kDefined, "/data//", {1, 0, 0, 1}},
+        {"empty home", "", kDefined, "/", {1, 0, 0, 1}},
+        {"properties not defined", "/data", kUndefined, "/data/", {1, 0, 0, 1}},
+        {"options", "/data", kOptions, "/data/", {1, 1, 1, 0}},
+        // Without a barrier every mark sets its bit.
+        {"no write barrier", "/data", kDefined, "/data/", {0, 0, 0, 1}},
+    };
+    const std::pair<int32_t, const char *> texts[] = {
+        {-491, "Invalid chunk"},
+        {-401, "Failed to reserve swap space for region"},
+        {-490, "Extent statistics mismatch"},
+        {-492, "Unknown error -492"}};
+    for (const Row &row : rows) {
+        ExpectChildPasses(
+            [&] {
+                lum_platform.flush_write_buffers =
+                    row.switches[0] ? +[] { return 0; } : +[] { return ENOSYS; };
+                LumPropMgr *properties = row.properties == kOptions
+                                             ? PropertiesFromOptions()
+                                             : Properties(row.properties == kDefined);
+                auto kept = [&] {
+                    return strcmp(region_home, row.kept_home) == 0 &&
+                           Switches{region_write_barrier, region_protect_all, region_mutation_check,
+                                    region_verify_on_recovery} == row.switches;
+                };
+                CHILD_CHECK(!CheckpointThreadRuns() && LumRegionStartup(properties, row.home) == 0);
+                CHILD_CHECK(region_started == 1 && CheckpointThreadRuns() && kept());
+                CHILD_CHECK(region_page_size == static_cast<uint32_t>(getpagesize()));
+                for (auto [rc, text] : texts)
+                    CHILD_CHECK(strcmp(LumRCToString(rc), text) == 0);
+                LumMutex *mutex = region_registry_mutex;
+                lum_platform.flush_write_buffers = // the barrier is probed once
+                    row.switches[0] ? +[] { return ENOSYS; } : +[] { return 0; };
+                CHILD_CHECK(LumRegionStartup(PropertiesFromOptions(), "/second") == 0);
+                CHILD_CHECK(LumRegionStartup(nullptr, nullptr) == 0);
+                CHILD_CHECK(kept() && region_registry_mutex == mutex);
+                CHILD_CHECK(LumRegionShutdown() == 0 && !CheckpointThreadRuns());
+                return 0;
+            },
+            row.what);
+    }
+}
+
+// Regions need a running library: not before a start, nor after a refused
+// start, nor after a stop, which a later start does not undo.
+TEST(Startup, RegionsNeedARunningLibrary) {
+    ExpectChildPasses([] {
+        LumRegion *region = nullptr;
+        CHILD_CHECK(CreateVolatile(&region) == LUM_RC_FAILURE);
+        CHILD_CHECK(LumRegionShutdown() == 0);
+        CHILD_CHECK(LumRegionStartup(Properties(), nullptr) == LUM_RC_FAILURE);
+        CHILD_CHECK(LumRegionStartup(Properties(), std::string(264, 'h').c_str()) ==
+                    LUM_RC_FAILURE);
+        CHILD_CHECK(region_started == 0);
+        CHILD_CHECK(CreateVolatile(&region) == LUM_RC_FAILURE);
+        CHILD_CHECK(LumRegionStartup(Properties(), "/data") == 0);
+        CHILD_CHECK(CreateVolatile(&region) == 0);
+        CHILD_CHECK(LumRegionClose(region) == 0);
+        CHILD_CHECK(LumRegionShutdown() == 0);
+        CHILD_CHECK(LumRegionStartup(Properties(), "/data") == 0);
+        CHILD_CHECK(!CheckpointThreadRuns());
+        CHILD_CHECK(CreateVolatile(&region) == LUM_RC_FAILURE);
+        CHILD_CHECK(LumRegionShutdown() == 0);
+        return 0;
+    });
+}
+
+TEST(Startup, PropertiesAreDefinedInTheStoreGroupWithTheirDefaults) {
+    ExpectChildPasses([] {
+        LumPropMgr *properties = Properties();
+        const std::pair<const char *, int32_t> rows[] = {
+            {"Region.ProtectAll", 0}, {"Region.MutationCheck", 0}, {"Region.VerifyOnRecovery", 1}};
+        for (auto [name, value] : rows) {
+            LumValue read{};
+            CHILD_CHECK(LumPropMgrGetValue(properties, name, &read) == 0);
+            CHILD_CHECK(read.type == LUM_VALUE_BOOLEAN && read.value.boolean == value);
+        }
+        CHILD_CHECK(LumRegionPropMgrInitialise(properties) != 0); // defined twice
+        return 0;
+    });
+}
+
+// Each allocation of the start may fail: the start then returns the
+// runtime's 12 (or goes on, where the catalogue fails), leaves the library
+// not started, and a second attempt succeeds.
+TEST(Startup, EveryAllocationFailureLeavesARetryableLibrary) {
+    for (uint32_t nth = 1; nth <= 12; ++nth) {
+        ExpectChildPasses(
+            [nth] {
+                LumPropMgr *properties = Properties();
+                lum_malloc_fail_at(nth);
+                int32_t rc = LumRegionStartup(properties, "/data");
+                lum_malloc_fail_at(0);
+                CHILD_CHECK(rc == 0 || rc == LUM_RC_NO_MEMORY);
+                CHILD_CHECK(region_started == (rc == 0 ? 1 : 0));
+                CHILD_CHECK(rc == 0 || LumRegionStartup(properties, "/data") == 0);
+                CHILD_CHECK(CheckpointThreadRuns());
+                return 0;
+            },
+            "allocation " + std::to_string(nth));
+    }
+}
+
+TEST(LoadHook, AnnouncesItselfWhenTheVariableIsSetEvenEmpty) {
+    std::string command = "LUMDE_SHLIB_LOAD_DEBUG= /proc/" + std::to_string(getpid()) +
+                          "/exe --gtest_list_tests 2>&1 >/dev/null";
+    FILE *child = popen(command.c_str(), "r");
+    ASSERT_NE(child, nullptr);
+    std::string output;
+    char line[256];
+    while (fgets(line, sizeof line, child))
+        output += line;
+    pclose(child);
+    for (const char *event : {" **LOADED**\n", " **UNLOADED**\n"})
+        EXPECT_NE(output.find("liblumregion: " LUMREGION_VERSION + std::string(event)),
+                  std::string::npos)
+            << output;
+}
+
+TEST(LoadHook, RegistersTheVersionAndTheDebugFacilities) {
+    EXPECT_STREQ(LumVersionInfoLookup("liblumregion"), "liblumregion: " LUMREGION_VERSION);
+    const std::pair<const char *, int32_t *> facilities[] = {
+        {"region", &region_debug}, {"region_mutation", &region_mutation_debug}};
+    for (auto [name, flag] : facilities) {
+        for (int32_t on : {1, 0}) {
+            ASSERT_EQ(LumDebugFacilitySet(name, on), 0) << name;
+            EXPECT_EQ(*flag, on) << name;
+        }
+    }
+}
+
+// The thread reports its loop, at severity 1 in set 2, only while the
+// region facility is on.
+TEST(CheckpointThread, ReportsItsLoopOnlyWhenTheRegionFacilityIsOn) {
+    const std::vector<std::string> loop = {"CHKPT: started", "CHKPT: sleeping ...", "CHKPT: awake",
+                                           "CHKPT: told to stop during sleep", "CHKPT: stopped"};
+    for (int32_t on : {1, 0}) {
+        ExpectChildPasses(
+            [&] {
+                LumDebugFacilitySet("region", on);
+                lumtest::LogCapture log;
+                CHILD_CHECK(LumRegionStartup(Properties(), "/data") == 0);
+                CHILD_CHECK(LumRegionShutdown() == 0); // joins the thread
+                std::vector<std::string> texts;
+                for (const auto &record : log.Records()) {
+                    CHILD_CHECK(record.severity == 1 && record.set == 2);
+                    texts.push_back(record.text);
+                }
+                CHILD_CHECK(texts == (on ? loop : std::vector<std::string>{}));
+                return 0;
+            },
+            on ? "facility on" : "facility off");
+    }
+}
