@@ -2,6 +2,7 @@
 // references that the checkpoint thread takes.
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -9,9 +10,10 @@
 
 namespace {
 
-int32_t CreateNamed(const char *name, int32_t type, const char *directory, LumRegion **region) {
+int32_t CreateNamed(const char *name, int32_t type, const char *directory, LumRegion **region,
+                    uint32_t hard_limit = kMiB) {
     void *base;
-    return LumRegionCreate(name, type, kMiB, kMiB, 0, 0, directory, region, &base);
+    return LumRegionCreate(name, type, hard_limit, kMiB, 0, 0, directory, region, &base);
 }
 
 int RegistrySlotOf(const LumRegion *region) {
@@ -79,46 +81,68 @@ TEST_F(RegionTest, VolatileTypesKeepTheLongestNameAndIgnoreTheDirectory) {
         EXPECT_EQ(std::string(region->name), name);
         EXPECT_STREQ(region->directory, "");
         EXPECT_EQ(region->type, type);
-        for (int parity = 0; parity < 2; ++parity) {
-            EXPECT_EQ(region->chk_fd[parity], -1);
-            EXPECT_EQ(region->log_fd[parity], -1);
-        }
+        EXPECT_EQ(region->chk_fd[0] & region->chk_fd[1] & region->log_fd[0] & region->log_fd[1],
+                  -1);
         EXPECT_EQ(LumRegionClose(region), 0);
     }
 }
 
-TEST(RegionCreate, BadArgumentsAreRefusedAndCreateNothing) {
-    LumRegion *region = reinterpret_cast<LumRegion *>(1);
-    void *base = reinterpret_cast<void *>(1);
-    std::string long_name(LUM_REGION_NAME_MAX + 1, 'n');
+// Every refusal comes before anything is made: no file in the directory,
+// no registry entry, and neither out word written.
+TEST(RegionCreate, BadArgumentsAreRefusedBeforeAnythingIsMade) {
+    lumtest::TempDir dir;
+    const char *temp = dir.path().c_str();
+    std::string long_name(LUM_REGION_NAME_MAX + 1, 'n'), name_to_fit(LUM_REGION_NAME_MAX, 'n');
     std::string long_directory(kPathBufferSize - LUM_REGION_NAME_MAX - 7, 'd');
-    EXPECT_EQ(CreateNamed(nullptr, LUM_REGION_VOLATILE, nullptr, &region), LUM_RC_FAILURE);
-    EXPECT_EQ(CreateNamed(long_name.c_str(), LUM_REGION_VOLATILE, nullptr, &region),
-              LUM_RC_FAILURE);
-    for (int32_t type : {0, 4, -1})
-        EXPECT_EQ(CreateNamed("t", type, "/tmp/", &region), LUM_RC_FAILURE) << "type " << type;
-    for (const char *directory : {static_cast<const char *>(nullptr), ".", "./data/"})
-        EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, directory, &region), LUM_RC_FAILURE);
-    long_name.pop_back();
-    EXPECT_EQ(
-        CreateNamed(long_name.c_str(), LUM_REGION_PERSISTENT, long_directory.c_str(), &region),
-        LUM_RC_FAILURE)
-        << "directory, name and .tabnew must fit a path";
-    EXPECT_EQ(LumRegionCreate("v", LUM_REGION_VOLATILE, 0, kMiB, 0, 0, nullptr, &region, &base),
-              LUM_RC_RESERVE)
-        << "a zero hard limit cannot be reserved";
-    EXPECT_EQ(LumRegionCreate("v", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, nullptr, &base),
-              LUM_RC_FAILURE);
+    struct Row {
+        const char *name;
+        int32_t type;
+        const char *directory;
+        uint32_t hard_limit;
+        int32_t rc;
+    };
+    std::vector<Row> rows = {
+        {nullptr, LUM_REGION_VOLATILE, nullptr, kMiB, LUM_RC_FAILURE},
+        {long_name.c_str(), LUM_REGION_VOLATILE, nullptr, kMiB, LUM_RC_FAILURE},
+        {"t", 0, temp, kMiB, LUM_RC_FAILURE},
+        {"t", 4, temp, kMiB, LUM_RC_FAILURE},
+        {"t", -1, temp, kMiB, LUM_RC_FAILURE},
+        {"p", LUM_REGION_PERSISTENT, nullptr, kMiB, LUM_RC_FAILURE},
+        {"p", LUM_REGION_PERSISTENT, ".", kMiB, LUM_RC_FAILURE},
+        {"p", LUM_REGION_PERSISTENT, "./data/", kMiB, LUM_RC_FAILURE},
+        // directory, name and ".tabnew" must fit a path
+        {name_to_fit.c_str(), LUM_REGION_PERSISTENT, long_directory.c_str(), kMiB, LUM_RC_FAILURE},
+    };
+    // A name must stay a file inside the directory, whatever the type.
+    for (const char *name : {"", ".", "..", "a/b", "/abs", "../up", "up/.."})
+        for (int32_t type : {LUM_REGION_PERSISTENT, LUM_REGION_VOLATILE, LUM_REGION_SCRATCH})
+            rows.push_back({name, type, temp, kMiB, LUM_RC_FAILURE});
+    // A hard limit of 0, or one that rounds past 4 GiB, leaves nothing to reserve.
+    for (uint32_t hard_limit : {0u, 0xFFF00001u, 0xFFFFFFFFu})
+        for (int32_t type : {LUM_REGION_PERSISTENT, LUM_REGION_VOLATILE})
+            rows.push_back({"big", type, temp, hard_limit, LUM_RC_RESERVE});
+    for (const Row &row : rows) {
+        SCOPED_TRACE(testing::Message() << "name " << (row.name ? row.name : "(null)") << ", type "
+                                        << row.type << ", hard limit " << row.hard_limit);
+        LumRegion *region = reinterpret_cast<LumRegion *>(1);
+        void *base = reinterpret_cast<void *>(1);
+        EXPECT_EQ(LumRegionCreate(row.name, row.type, row.hard_limit, kMiB, 0, 0, row.directory,
+                                  &region, &base),
+                  row.rc);
+        EXPECT_EQ(region, reinterpret_cast<LumRegion *>(1));
+        EXPECT_EQ(base, reinterpret_cast<void *>(1));
+        EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
+        for (LumRegion *slot : region_registry)
+            ASSERT_EQ(slot, nullptr);
+    }
+    LumRegion *region;
     EXPECT_EQ(
         LumRegionCreate("v", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, &region, nullptr),
         LUM_RC_FAILURE);
-    EXPECT_EQ(region, reinterpret_cast<LumRegion *>(1)) << "out words stay untouched on failure";
-    EXPECT_EQ(base, reinterpret_cast<void *>(1));
-    for (LumRegion *slot : region_registry)
-        EXPECT_EQ(slot, nullptr);
+    EXPECT_EQ(CreateNamed("v", LUM_REGION_VOLATILE, nullptr, nullptr), LUM_RC_FAILURE);
 }
 
-TEST(RegionHandle, NullHandlesAndOutPointersAreRefused) {
+TEST(RegionHandle, NullHandlesAndManagersAreRefused) {
     EXPECT_EQ(LumRegionClose(nullptr), LUM_RC_FAILURE);
     EXPECT_EQ(LumRegionDrop(nullptr), LUM_RC_FAILURE);
     EXPECT_EQ(LumRegionSetSoftLimit(nullptr, kMiB), LUM_RC_FAILURE);
@@ -155,14 +179,12 @@ TEST(Registry, SlotsAreReusedAndTheRegionBeyondTheTableStillWorks) {
         ASSERT_EQ(RegistrySlotOf(regions[i]), static_cast<int>(i));
     LumRegion *unregistered = regions[kRegistrySlots];
     EXPECT_EQ(RegistrySlotOf(unregistered), -1);
-    EXPECT_EQ(_LumImageSetSize(unregistered, 2 * kMiB / 2), 0) << "an unregistered region works";
+    EXPECT_EQ(_LumImageSetSize(unregistered, kMiB), 0) << "an unregistered region works";
     EXPECT_EQ(_LumRegistryRemove(unregistered), 0);
 
     ASSERT_EQ(LumRegionClose(regions[7]), 0);
-    LumRegion *next;
-    ASSERT_EQ(CreateNamed("next", LUM_REGION_VOLATILE, nullptr, &next), 0);
-    EXPECT_EQ(RegistrySlotOf(next), 7) << "the first free slot is taken";
-    regions[7] = next;
+    ASSERT_EQ(CreateNamed("next", LUM_REGION_VOLATILE, nullptr, &regions[7]), 0);
+    EXPECT_EQ(RegistrySlotOf(regions[7]), 7) << "the first free slot is taken";
     for (LumRegion *region : regions)
         ASSERT_EQ(LumRegionDrop(region), 0);
     for (LumRegion *slot : region_registry)
