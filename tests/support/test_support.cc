@@ -9,25 +9,6 @@
 
 namespace lumtest {
 
-void LogCapture::Sink(void *context, int32_t severity, uint32_t set, uint32_t id,
-                      const char *text) {
-    auto *self = static_cast<LogCapture *>(context);
-    std::lock_guard<std::mutex> hold(self->mutex_);
-    self->records_.push_back({severity, set, id, text});
-}
-
-std::vector<LogRecord> LogCapture::Records() const {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return records_;
-}
-
-std::vector<LogRecord> LogCapture::Find(uint32_t set, uint32_t id) const {
-    std::vector<LogRecord> found = Records();
-    std::erase_if(found,
-                  [&](const LogRecord &record) { return record.set != set || record.id != id; });
-    return found;
-}
-
 TempDir::TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "lumtest-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr)

@@ -28,12 +28,23 @@ class LogCapture {
   public:
     LogCapture() { LumLogSetSink(&LogCapture::Sink, this); }
     ~LogCapture() { LumLogSetSink(nullptr, nullptr); }
-    std::vector<LogRecord> Records() const;
+    std::vector<LogRecord> Records() const {
+        std::lock_guard<std::mutex> hold(mutex_);
+        return records_;
+    }
     // Records with this catalogue set and id.
-    std::vector<LogRecord> Find(uint32_t set, uint32_t id) const;
+    std::vector<LogRecord> Find(uint32_t set, uint32_t id) const {
+        std::vector<LogRecord> found = Records();
+        std::erase_if(found, [&](const LogRecord &r) { return r.set != set || r.id != id; });
+        return found;
+    }
 
   private:
-    static void Sink(void *context, int32_t severity, uint32_t set, uint32_t id, const char *text);
+    static void Sink(void *context, int32_t severity, uint32_t set, uint32_t id, const char *text) {
+        auto *self = static_cast<LogCapture *>(context);
+        std::lock_guard<std::mutex> hold(self->mutex_);
+        self->records_.push_back({severity, set, id, text});
+    }
     mutable std::mutex mutex_;
     std::vector<LogRecord> records_;
 };
@@ -93,8 +104,7 @@ struct VmCall {
 // Records the commit, decommit and protect calls made while it lives, and
 // passes them on to the system. Calls fail on purpose when the matching
 // fail_ flag is set.
-class VmRecorder {
-  public:
+struct VmRecorder {
     VmRecorder();
     ~VmRecorder() { active_ = nullptr; }
     std::vector<VmCall> commits, decommits, protects;
@@ -108,8 +118,7 @@ class VmRecorder {
 
 // Makes chosen file calls fail while it lives; every other call goes to the
 // system. Counts the calls it sees.
-class FileFaults {
-  public:
+struct FileFaults {
     FileFaults();
     ~FileFaults() { active_ = nullptr; }
     int fail_write_at = 0;        // the n-th write from now fails (1 is the next)
