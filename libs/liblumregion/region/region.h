@@ -52,7 +52,7 @@ inline constexpr uint32_t kBinSummarySlots = 129;
 // The set is bounded. An allocation that finds it full sets `overflowed`,
 // and from then on the region's pages are no longer made read-only (an
 // allocation the set does not hold must not be closed under the host).
-inline constexpr uint32_t kOpenChunkSlots = 64;
+inline constexpr uint32_t kOpenChunkSlots = LUM_REGION_OPEN_ALLOCATIONS;
 struct OpenChunk {
     uint8_t *chunk;  // the head tag
     uintptr_t first; // the first page the chunk touches
