@@ -87,20 +87,15 @@ TEST(Startup, FirstStartSetsUpTheLibraryUntilItStops) {
     };
     const Row rows[] = {
         {"defaults", "/data", kDefined, "/data/", {1, 0, 0, 1}, 0},
-        {"home ending in a separator", "/data/", kDefined, "/data/", {1, 0, 0, 1}, 1},
-        {"home ending in two", "/data//", kDefined, "/data//", {1, 0, 0, 1}, 0},
+        {"home ending in separators", "/data//", kDefined, "/data//", {1, 0, 0, 1}, 1},
         {"empty home", "", kDefined, "/", {1, 0, 0, 1}, 0},
         {"properties not defined", "/data", kUndefined, "/data/", {1, 0, 0, 1}, 0},
         {"options", "/data", kOptions, "/data/", {1, 1, 1, 0}, 0},
         {"no write barrier", "/data", kDefined, "/data/", {0, 0, 0, 1}, 0},
     };
-    const std::pair<int32_t, const char *> texts[] = {
-        {-491, "Invalid chunk"},
-        {-401, "Failed to reserve swap space for region"},
-        {-490, "Extent statistics mismatch"},
-        {-492, "Unknown error -492"}};
-    const std::vector<std::string> loop = {"CHKPT: started", "CHKPT: sleeping ...", "CHKPT: awake",
-                                           "CHKPT: told to stop during sleep", "CHKPT: stopped"};
+    const std::vector<std::string> loop = {"1 CHKPT: started", "1 CHKPT: sleeping ...",
+                                           "1 CHKPT: awake", "1 CHKPT: told to stop during sleep",
+                                           "1 CHKPT: stopped"};
     for (const Row &row : rows) {
         ExpectChildPasses(
             [&] {
@@ -118,9 +113,8 @@ TEST(Startup, FirstStartSetsUpTheLibraryUntilItStops) {
                 };
                 CHILD_CHECK(!CheckpointThreadRuns() && LumRegionStartup(properties, row.home) == 0);
                 CHILD_CHECK(region_started == 1 && CheckpointThreadRuns() && kept());
-                CHILD_CHECK(region_page_size == static_cast<uint32_t>(getpagesize()));
-                for (auto [rc, text] : texts)
-                    CHILD_CHECK(strcmp(LumRCToString(rc), text) == 0);
+                CHILD_CHECK(strcmp(LumRCToString(-491), "Invalid chunk") == 0);
+                CHILD_CHECK(strcmp(LumRCToString(-492), "Unknown error -492") == 0); // no row
                 LumMutex *mutex = region_registry_mutex;
                 lum_platform.flush_write_buffers = // the barrier is probed once
                     row.switches[0] ? +[] { return ENOSYS; } : +[] { return 0; };
@@ -131,10 +125,7 @@ TEST(Startup, FirstStartSetsUpTheLibraryUntilItStops) {
                 std::vector<std::string> reported;
                 for (const auto &record : log.Records())
                     reported.push_back(std::to_string(record.severity) + " " + record.text);
-                std::vector<std::string> expected;
-                for (const std::string &text : row.debug ? loop : std::vector<std::string>{})
-                    expected.push_back("1 " + text);
-                CHILD_CHECK(reported == expected);
+                CHILD_CHECK(reported == (row.debug ? loop : std::vector<std::string>{}));
                 return 0;
             },
             row.what);
