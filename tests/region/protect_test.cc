@@ -105,6 +105,7 @@ TEST_F(RegionTest, AllocationsStayWritableUntilTheHostEndsThem) {
         return region->open_chunks.overflowed || !closed || LumRegionVerify(region) != 0;
     });
     EXPECT_EQ(lumtest::ExitCode(status), 0);
+    LumSegmentClose(segment);
 }
 
 // More open allocations than a region keeps track of: rather than close
@@ -121,6 +122,7 @@ TEST_F(RegionTest, TooManyOpenAllocationsEndProtectionForTheRegion) {
         for (uint8_t *chunk : chunks)
             memset(chunk, 1, 64);
     }));
+    LumSegmentClose(segment);
 }
 
 // A protection change that the system refuses is reported once per region,
