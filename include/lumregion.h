@@ -4,7 +4,9 @@
  * A host creates named regions. A region is one stretch of address space,
  * reserved once up to a hard limit, that holds a heap image. Everything the
  * image stores refers to other things by byte offsets from the image's base,
- * so the image can be written to disk and brought back at any address.
+ * so the image can be written to disk and brought back at any address. The
+ * base never moves while the region is open, so plain pointers into the
+ * image stay good until LumRegionClose or LumRegionDrop.
  *
  * Region types
  *   LUM_REGION_PERSISTENT  the image is backed by files in a directory: every
@@ -16,30 +18,65 @@
  *                          The two behave alike; the number is kept and
  *                          reported so that a host can tell its kinds apart.
  *
+ * Files of a persistent region named N in directory D (the path is the plain
+ * concatenation D N suffix): the working files D N_0.chk, N_1.chk, N_0.log
+ * and N_1.log, made empty by LumRegionCreate, and the snapshot D N.tab,
+ * written through D N.tabnew by a close or LumRegionSyncAll.
+ *
+ * What survives
+ *   - A change reaches the log buffer when it is made through the logged
+ *     writes below, and the log file when LumRegionCommit returns: from then
+ *     on it survives the death of the process. Neither a commit nor a
+ *     checkpoint forces the file to stable storage, so a crash of the
+ *     machine may lose it; the snapshot of a close or of LumRegionSyncAll is
+ *     forced to disk.
+ *   - A store into the image by other means is not logged. It reaches disk
+ *     only with its page, when a logged change marks that page or a snapshot
+ *     writes the whole image. Page protection (below) catches such stores.
+ *   - A log write that fails is reported in the log ("Logging failed"). The
+ *     region goes on; its changes reach no log until the next checkpoint,
+ *     which saves their pages instead.
+ *
  * Life of the library
  *   1. LumRegionPropMgrInitialise and LumRegionArgMgrInitialise on the host's
  *      property and argument managers (lum_rs.h), then the host loads its
  *      configuration and parses its command line.
- *   2. LumRegionStartup once. A second call, also after LumRegionShutdown,
- *      returns 0 and does nothing: the library starts once per process.
+ *   2. LumRegionStartup. A failed start may be retried; after a successful
+ *      one, and after LumRegionShutdown, the call returns 0 and does
+ *      nothing: the library starts once per process.
  *   3. Create regions, work with them, close or drop every one of them.
- *   4. LumRegionShutdown once. No region operation is allowed after it.
+ *   4. LumRegionShutdown. Regions cannot be created or synced after it
+ *      (-19), and nothing else is to be relied on: close every region
+ *      before it.
  *
  * Threads
- *   The host sees to it that one thread at a time changes a region. The
- *   background thread "REGIONCHKPT" visits registered regions on its own.
- *   LumRegionLockForRead, LumRegionLockForWrite and LumRegionUnlock do nothing.
+ *   The host sees to it that one thread at a time changes a region
+ *   (allocates, frees, writes, commits, closes). Different regions may be
+ *   used by different threads at once. The background thread "REGIONCHKPT"
+ *   checkpoints, once a minute and beside the host's writes, every
+ *   registered persistent region that is online and allows it
+ *   (LumRegionSetCheckpointing). LumRegionLockForRead, LumRegionLockForWrite
+ *   and LumRegionUnlock do nothing.
+ *
+ * Ownership
+ *   The host owns each region handle from its creation to LumRegionClose or
+ *   LumRegionDrop, and each segment handle to LumSegmentClose or
+ *   LumSegmentDrop; segment handles must be given up before their region
+ *   ends. The image owns everything persistent; the library frees nothing
+ *   the host allocated, and the host frees nothing the library handed out.
  *
  * Caveats
- *   - Handles are not reference-checked: a handle must not be used after
- *     LumRegionClose or LumRegionDrop.
+ *   - Handles are not checked: a handle must not be used after it ended.
  *   - Up to 256 regions are registered for the background thread; further
- *     regions work but are never visited by it.
+ *     regions work, commit and close, but are never checkpointed and are
+ *     left out by LumRegionSyncAll.
  *
  * Results: int32_t codes, 0 for success. The library's own codes are the
  * LUM_RC_ constants below; besides them stand 12 (no memory, or a mutex that
  * cannot be made) and -19 (general failure or bad argument, also for a null
  * handle or a null out pointer). LumRCToString (lum_rs.h) gives their texts.
+ * Bad input gives a result code, never a crash or a write outside the
+ * image; a pointer into the image is trusted, as the operations say.
  *
  * The header compiles as C99 and as C++.
  */
@@ -124,20 +161,32 @@ LUMREGION_API int32_t LumRegionArgMgrInitialise(LumArgMgr *arguments);
 /* ---------------------------------------------------------------------- */
 
 /** Starts the library: reads the page size and the three properties from
- *  @p properties (a missing property leaves protection off, mutation checks
- *  off and verification on recovery on), registers the result codes, starts
- *  the thread "REGIONCHKPT", and keeps @p home, the data directory, with a
- *  trailing '/'.
+ *  @p properties, registers the result codes' texts, starts the thread
+ *  "REGIONCHKPT", and keeps @p home, the data directory, with a '/' added
+ *  unless it ends in one. Its one use: LumRegionSyncAll refuses to write
+ *  snapshots there. Regions take their directory from LumRegionCreate.
+ *
+ *  @p properties may be null, and a property may be missing or unreadable:
+ *  then protection is off, mutation checks are off and verification on
+ *  recovery is on. The properties are read once; later changes do not count.
+ *
  *  Runs once per process: after a success, or after LumRegionShutdown, it
- *  returns 0 and does nothing. A failed start may be retried.
- *  @return 0, or the runtime's code of the failing step (12 when memory, a
- *  mutex, the event or the thread cannot be had); -19 for a null @p home or
- *  one longer than 263 bytes. Logs nothing. */
+ *  returns 0 and does nothing, whatever the arguments. A failed start
+ *  leaves the library not started, undoes what it made (the locale and the
+ *  message catalogue excepted: the runtime keeps them, and a retry reuses
+ *  them) and may be retried.
+ *  @return 0; the runtime's code of the failing step (12 when memory, a
+ *  mutex or the event cannot be had; an errno value when the thread cannot
+ *  be started); -19 for a null @p home or one of 264 bytes or more. Logs
+ *  nothing. */
 LUMREGION_API int32_t LumRegionStartup(LumPropMgr *properties, const char *home);
 
-/** Stops the background thread and destroys the registry's mutex. Regions
- *  still open stay in memory with their files untouched; the host should
- *  close them first. @return 0. */
+/** Stops the library: asks the background thread to stop, waits until it
+ *  has (a checkpoint in progress finishes first), and destroys the
+ *  registry's mutex. It closes no region: a region still open stays in
+ *  memory with its files as they are, so the host closes its regions
+ *  first. Nothing happens before a successful start or after an earlier
+ *  stop. @return 0. */
 LUMREGION_API int32_t LumRegionShutdown(void);
 
 /* ---------------------------------------------------------------------- */
@@ -166,41 +215,73 @@ typedef struct LumRegionInfo {
     uint32_t segment_count; /**< segments in the image */
 } LumRegionInfo;
 
-/** Creates region @p name (at most 43 bytes) of @p type.
+/** Creates region @p name of @p type, with an empty image: a region header
+ *  and no segment. REQUIRES: a started library.
  *
- *  @p hard_limit is rounded up to 1 MiB and reserved at once; @p soft_limit,
- *  rounded up to a page, bounds the image's growth and may be raised later
- *  up to the hard limit. @p largest_record sizes the log buffer of a
- *  persistent region. @p protect non-zero keeps the image's pages read-only
- *  between logged writes. @p directory, ending in '/', holds a persistent
- *  region's files; it is ignored for the volatile types.
+ *  @p name names the region's files: 1 to 43 bytes, not "." or "..", and
+ *  no '/'. Nothing looks regions up by name, so two open regions may share
+ *  one; two persistent ones in one directory then share their files.
  *
- *  On success *region is the handle and *base the image's address; on
- *  failure neither is written.
+ *  @p hard_limit is rounded up to 1 MiB and that much address space is
+ *  reserved at once; the image can never grow beyond it. 0, and limits
+ *  above 0xFFF00000 (which round past 4 GiB), are refused with -401.
+ *
+ *  @p soft_limit, rounded up to a page, is the most the image may grow to
+ *  (-402 beyond it); LumRegionSetSoftLimit moves it later. It is not
+ *  compared with the hard limit here: above it, growth ends at the hard
+ *  limit with -403 instead.
+ *
+ *  @p largest_record is the largest allocation, or single logged write, the
+ *  host will log whole; it sizes a persistent region's log buffer (longer
+ *  writes are logged in pieces, allocations must stay within it).
+ *
+ *  @p protect non-zero keeps the image's pages read-only except while the
+ *  library writes them; see Page protection.
+ *
+ *  @p directory holds a persistent region's files, which are named by plain
+ *  concatenation of directory, name and suffix: it ends in '/' (or is
+ *  empty, for the current directory), exists, and does not begin with '.'.
+ *  Creating empties the working files of an earlier region of the name and
+ *  leaves its .tab file alone. The volatile types ignore @p directory.
+ *
+ *  On success *region is the handle, owned by the host until LumRegionClose
+ *  or LumRegionDrop, and *base the image's address, fixed until then. On
+ *  failure neither is written and nothing is left behind: no handle, no
+ *  file, no registry entry.
  *  @return 0;
- *    -19  bad argument: null name or out pointer, a name over 43 bytes, a
- *         type other than 1, 2 and 3, a persistent region without directory
- *         or with one beginning with '.', or directory, name and ".tabnew"
- *         longer than 263 bytes together;
+ *    -19  bad argument: null name or out pointer, a name as refused above
+ *         or longer than 43 bytes, a type other than 1, 2 and 3, a
+ *         persistent region without directory or with one beginning with
+ *         '.', directory, name and ".tabnew" longer than 263 bytes
+ *         together; or a library not started, or stopped;
  *    12   no memory, or a mutex cannot be made;
- *    -401 the address space cannot be reserved (also for a hard limit of 0);
- *    -402 the soft limit is below the size of the region header;
- *    -403 the first page cannot be committed;
- *    -1   a working file cannot be created. */
+ *    -401 the hard limit reserves nothing (see above), or the address
+ *         space cannot be reserved;
+ *    -402 a soft limit of 0: the region header needs a page;
+ *    -403 the first MiB cannot be committed;
+ *    -1   a working file cannot be created (the files made are removed). */
 LUMREGION_API int32_t LumRegionCreate(const char *name, int32_t type, uint32_t hard_limit,
                                       uint32_t soft_limit, uint32_t largest_record, int32_t protect,
                                       const char *directory, LumRegion **region, void **base);
 
-/** Ends the host's use of @p region. A persistent region is first synced to
- *  its ".tab" file; the working files go when the sync succeeded. The handle
- *  is gone when the call returns, also when the sync failed.
- *  @return 0 for a volatile region; the sync's result for a persistent one;
- *  -19 for a null handle. */
+/** Ends the host's use of @p region, which may still hold segments; its
+ *  segment handles must have been closed. A persistent region is first
+ *  synced: its image goes to "<directory><name>.tab" as LumRegionSyncAll
+ *  writes it. When that succeeds, the working files are deleted and the
+ *  .tab file alone remains; when it fails (reported in the log) the working
+ *  files stay. Waits for a checkpoint of the region in progress. The handle
+ *  and the image are gone when the call returns, also when the sync failed.
+ *  @return 0; for a persistent region the failure of the sync: an errno
+ *  value, or -19 when the failing step set none; -19 for a null handle. */
 LUMREGION_API int32_t LumRegionClose(LumRegion *region);
 
-/** Ends @p region and deletes all its files. Refused while segments remain.
- *  @return 0 (the handle is gone); -413 when segments remain (nothing
- *  changed, the host still owns the handle); -19 for a null handle. */
+/** Ends @p region without a snapshot and deletes its files: the .tab file
+ *  and the working files, which stay only when the region's last sync (by
+ *  LumRegionSyncAll) failed. Refused while segments remain. Waits for a
+ *  checkpoint of the region in progress.
+ *  @return 0 (the handle and the image are gone); -413 when segments remain
+ *  (nothing changed, the host still owns the handle); -19 for a null
+ *  handle. */
 LUMREGION_API int32_t LumRegionDrop(LumRegion *region);
 
 /** Writes a snapshot of every open persistent region into directory
@@ -217,21 +298,25 @@ LUMREGION_API int32_t LumRegionDrop(LumRegion *region);
  *  -19), after every region had its attempt; -19 for a null path. */
 LUMREGION_API int32_t LumRegionSyncAll(const char *path);
 
-/** Fills @p info from the handle and the image; does nothing when either
- *  pointer is null. Takes no lock. */
+/** Fills @p info, which the caller provides, from the handle and the image;
+ *  does nothing when either pointer is null. Takes no lock. */
 LUMREGION_API void LumRegionGetInfo(LumRegion *region, LumRegionInfo *info);
 
-/** Bytes in use in all segments of the region, worked out at each call;
- *  0 for a null handle. */
+/** Bytes of the live chunks of all segments (tags included), summed from
+ *  the segments' statistics at each call; a segment map entry that points
+ *  outside the image is skipped. 0 for a null handle. */
 LUMREGION_API uint32_t LumRegionGetUsedBytes(LumRegion *region);
 
-/** Sets the soft limit to @p limit, unrounded.
- *  @return 0; -409 above the hard limit; -410 below the used size; -19 for
- *  a null handle. Equal to either bound is accepted. */
+/** Sets the soft limit to @p limit, unrounded: as the image grows in whole
+ *  pages, it can then reach @p limit rounded down to a page.
+ *  @return 0; -409 above the hard limit; -410 below the image's used size;
+ *  -19 for a null handle. A limit equal to either bound is accepted; a
+ *  refusal changes nothing. */
 LUMREGION_API int32_t LumRegionSetSoftLimit(LumRegion *region, uint32_t limit);
 
 /** Allows (@p on non-zero) or forbids the background thread to checkpoint a
- *  persistent region. @return 0; -19 for a volatile region or a null handle. */
+ *  persistent region; a new region allows it. A checkpoint in progress
+ *  goes on. @return 0; -19 for a volatile region or a null handle. */
 LUMREGION_API int32_t LumRegionSetCheckpointing(LumRegion *region, int32_t on);
 
 /** These do nothing: the library has no readers-and-writers lock. The host
@@ -239,6 +324,36 @@ LUMREGION_API int32_t LumRegionSetCheckpointing(LumRegion *region, int32_t on);
 LUMREGION_API void LumRegionLockForRead(LumRegion *region);
 LUMREGION_API void LumRegionLockForWrite(LumRegion *region);
 LUMREGION_API void LumRegionUnlock(LumRegion *region);
+
+/* ---------------------------------------------------------------------- */
+/* Page protection                                                        */
+/* ---------------------------------------------------------------------- */
+
+/* A region created with protect non-zero, and every region while the
+ * property Region.ProtectAll is on, keeps the pages of its image read-only,
+ * so that a stray store faults (SIGSEGV) instead of changing persistent
+ * memory behind the log's back. The library makes the pages it writes
+ * writable for the store and read-only again behind it. Protection acts on
+ * whole pages: whatever shares a page with a writable range is writable too.
+ *
+ * The one exception is a new allocation. LumMemAlloc hands it out writable,
+ * and it stays writable, whatever the allocator or a logged write does on
+ * the same pages, until the host ends it with LumMemLog, LumMemNoLog or
+ * LumMemFree. A page stays writable while any such open allocation touches
+ * it.
+ *
+ * A region keeps track of LUM_REGION_OPEN_ALLOCATIONS open allocations at
+ * once; allocations of a segment that was dropped while they were open
+ * count until the region ends. An allocation beyond that many ends
+ * protection for the rest of the region's life: pages are no longer made
+ * read-only, so no open allocation can fault, and nothing else changes.
+ *
+ * A protection change that the system refuses is logged once per region
+ * (severity 5, set 3, id 14: "Failed to change the page protection of
+ * region <name>: <reason>") and otherwise ignored. A region that does not
+ * protect makes no protection calls at all. */
+
+#define LUM_REGION_OPEN_ALLOCATIONS 64 /**< open allocations tracked per region */
 
 /* ---------------------------------------------------------------------- */
 /* Segments and allocation                                                */

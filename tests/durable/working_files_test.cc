@@ -86,12 +86,12 @@ TEST_F(PersistentTest, FailedCreateRemovesTheWorkingFilesAgain) {
 }
 
 TEST_F(PersistentTest, DurabilityRecordsThatCannotBeHadGiveNoMemory) {
-    // First a map of no pages; then each allocation fails in turn: handle,
-    // mutex, two maps, buffer record and data, mutex.
-    for (uint32_t nth = 0;; ++nth) {
+    // Each allocation fails in turn: handle, mutex, two maps, buffer record
+    // and data, mutex.
+    for (uint32_t nth = 1;; ++nth) {
         lumtest::MallocFailure failure(nth);
         LumRegion *region = reinterpret_cast<LumRegion *>(1);
-        int32_t rc = _LumImageCreate("p", LUM_REGION_PERSISTENT, nth == 0 ? 0 : kMiB, kMiB, 0, 0,
+        int32_t rc = _LumImageCreate("p", LUM_REGION_PERSISTENT, kMiB, kMiB, 0, 0,
                                      dir_.path().c_str(), &region);
         if (rc == 0) {
             EXPECT_GE(nth, 8u);

@@ -1,55 +1,147 @@
-// Page protection: which pages the two calls touch, when they call the
-// platform at all, and that a protected page really refuses a store.
+// Page protection: which regions protect, which pages the two calls touch,
+// the allocations that stay writable until the host ends them, and the
+// report of a protection change that fails.
+#include <cstring>
+#include <random>
+#include <tuple>
+
 #include "region_fixture.h"
 
 using lumtest::FaultsInChild;
-using lumtest::VmRecorder;
 
-TEST_F(RegionTest, ProtectedRegionRefusesStoresUntilUnprotected) {
-    LumRegion *region = Create(kMiB, kMiB, /*protect=*/1);
-    uint8_t *word = region->base + region_header::kSegmentCount;
-    EXPECT_TRUE(FaultsInChild([&] { *word = 1; })) << "the header is read-only after creation";
-    _LumPageUnprotect(region, word, 4);
-    EXPECT_FALSE(FaultsInChild([&] { *word = 1; }));
-    _LumPageProtect(region, word, 4);
-    EXPECT_TRUE(FaultsInChild([&] { *word = 1; }));
-    EXPECT_EQ(*word, 0) << "reads work on a protected page";
+namespace {
+
+// A segment of `region` and an allocation in it.
+LumSegment *NewSegment(LumRegion *region) {
+    LumSegment *segment = nullptr;
+    EXPECT_EQ(LumSegmentCreate(region, 65536, 65536, 0, 0, &segment), 0);
+    return segment;
+}
+uint8_t *Allocate(LumSegment *segment, uint32_t size) {
+    void *pointer = nullptr;
+    EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
+    return static_cast<uint8_t *>(pointer);
+}
+
+} // namespace
+
+// A region protects when it asks to or when Region.ProtectAll is on: its
+// header is read-only after creation, an unprotect opens a page and a
+// protect closes it again. A region that does not protect never calls the
+// platform, not even for an allocation, its log and its free.
+TEST_F(RegionTest, OnlyProtectingRegionsRefuseStoresAndCallThePlatform) {
+    const int32_t rows[][2] = {{1, 0}, {0, 1}, {0, 0}}; // protect, Region.ProtectAll
+    for (const auto &[protect, all] : rows) {
+        SCOPED_TRACE(testing::Message() << "protect " << protect << ", all " << all);
+        region_protect_all = all;
+        LumRegion *region = Create(kMiB, kMiB, protect);
+        uint8_t *word = region->base + region_header::kSegmentCount;
+        EXPECT_EQ(FaultsInChild([&] { *word = 1; }), protect || all);
+        _LumPageUnprotect(region, word, 4);
+        EXPECT_FALSE(FaultsInChild([&] { *word = 1; }));
+        _LumPageProtect(region, word, 4);
+        EXPECT_EQ(FaultsInChild([&] { *word = 1; }), protect || all);
+        lumtest::VmRecorder vm;
+        LumSegment *segment = NewSegment(region);
+        uint8_t *chunk = Allocate(segment, 64);
+        LumMemLog(segment, chunk);
+        EXPECT_EQ(LumMemFree(segment, chunk), 0);
+        EXPECT_EQ(LumSegmentDrop(segment), 0);
+        EXPECT_EQ(vm.protects.empty(), !(protect || all));
+        region_protect_all = 0;
+        Close(region);
+    }
 }
 
 TEST_F(RegionTest, ProtectionCoversEveryPageTheRangeTouches) {
     LumRegion *region = Create(kMiB, kMiB, 1);
     ASSERT_EQ(_LumImageSetSize(region, 4 * Page()), 0);
-    VmRecorder vm;
+    lumtest::VmRecorder vm;
     _LumPageProtect(region, region->base + Page() + Page() / 2, Page());
     _LumPageUnprotect(region, region->base + 3 * Page() - 1, 1);
-    ASSERT_EQ(vm.protects.size(), 2u);
-    EXPECT_EQ(vm.protects[0].address, region->base + Page());
-    EXPECT_EQ(vm.protects[0].length, 2 * Page());
-    EXPECT_EQ(vm.protects[0].writable, 0);
-    EXPECT_EQ(vm.protects[1].address, region->base + 2 * Page());
-    EXPECT_EQ(vm.protects[1].length, Page());
-    EXPECT_EQ(vm.protects[1].writable, 1);
+    using Call = std::tuple<void *, size_t, int>;
+    std::vector<Call> calls;
+    for (const lumtest::VmCall &call : vm.protects)
+        calls.emplace_back(call.address, call.length, call.writable);
+    EXPECT_EQ(calls, (std::vector<Call>{{region->base + Page(), 2 * Page(), 0},
+                                        {region->base + 2 * Page(), Page(), 1}}));
 }
 
-TEST_F(RegionTest, UnprotectedRegionNeverCallsThePlatform) {
-    LumRegion *region = Create(kMiB, kMiB, 0);
-    VmRecorder vm;
-    _LumPageUnprotect(region, region->base, Page());
-    _LumPageProtect(region, region->base, Page());
-    EXPECT_TRUE(vm.protects.empty());
+// A seeded run of a host on a protected region: it allocates, fills its
+// allocations whenever it likes and ends them with LumMemLog, LumMemNoLog
+// or LumMemFree, while the allocator and the other allocations' logs
+// protect pages around them. No store into an open allocation may fault,
+// and once all are ended their pages are read-only. Runs in a child, where
+// a fault shows as a signal.
+TEST_F(RegionTest, AllocationsStayWritableUntilTheHostEndsThem) {
+    LumRegion *region = Create(4 * kMiB, 4 * kMiB, 1);
+    LumSegment *segment = NewSegment(region);
+    int status = lumtest::RunInChild([&] {
+        std::vector<uint8_t *> open, ended;
+        std::mt19937 random(20240611);
+        for (int step = 0; step < 3000; ++step) {
+            uint32_t action = random() % 7; // allocate, fill, LumMemLog, LumMemNoLog, free
+            if (open.empty() || action <= 1) {
+                open.push_back(Allocate(segment, 1 + random() % 300));
+                action = 2; // and fill it
+            }
+            size_t at = action == 2 ? open.size() - 1 : random() % open.size();
+            uint8_t *some = open[at];
+            if (action <= 3) {
+                memset(some, static_cast<int>(random()), LumMemGetSize(some));
+                continue;
+            }
+            open.erase(open.begin() + static_cast<ptrdiff_t>(at));
+            if (action == 6) {
+                LumMemFree(segment, some);
+            } else {
+                (action == 4 ? LumMemLog : LumMemNoLog)(segment, some);
+                ended.push_back(some);
+            }
+        }
+        for (uint8_t *some : open)
+            LumMemLog(segment, some);
+        bool closed = FaultsInChild([&] { ended[0][0] ^= 1; });
+        return region->open_chunks.overflowed || !closed || LumRegionVerify(region) != 0;
+    });
+    EXPECT_EQ(lumtest::ExitCode(status), 0);
+    LumSegmentClose(segment);
 }
 
-// Switches Region.ProtectAll on for one scope.
-struct ProtectAllOn {
-    ProtectAllOn() { region_protect_all = 1; }
-    ~ProtectAllOn() { region_protect_all = 0; }
-};
+// More open allocations than a region keeps track of: rather than close
+// one under its host, the region stops protecting its pages.
+TEST_F(RegionTest, TooManyOpenAllocationsEndProtectionForTheRegion) {
+    LumRegion *region = Create(kMiB, kMiB, 1);
+    LumSegment *segment = NewSegment(region);
+    std::vector<uint8_t *> chunks(kOpenChunkSlots + 1);
+    for (uint8_t *&chunk : chunks)
+        chunk = Allocate(segment, 64);
+    for (uint8_t *chunk : chunks)
+        LumMemLog(segment, chunk);
+    EXPECT_FALSE(FaultsInChild([&] {
+        for (uint8_t *chunk : chunks)
+            memset(chunk, 1, 64);
+    }));
+    LumSegmentClose(segment);
+}
 
-TEST_F(RegionTest, ProtectAllActsOnEveryRegion) {
-    ProtectAllOn protect_all;
-    LumRegion *region = Create(kMiB, kMiB, 0);
-    EXPECT_EQ(region->protect, 0) << "the handle keeps its own switch";
-    EXPECT_TRUE(FaultsInChild([&] { region->base[0] = 1; }));
-    _LumPageUnprotect(region, region->base, 1);
-    EXPECT_FALSE(FaultsInChild([&] { region->base[0] = 1; }));
+// A protection change that the system refuses is reported once per region,
+// with the region's name and the system's reason, and the region goes on.
+TEST_F(RegionTest, AFailedProtectionChangeIsReportedOncePerRegion) {
+    lumtest::PlatformGuard guard;
+    lum_platform.protect = [](void *, size_t, int) { return EACCES; };
+    lumtest::LogCapture log;
+    for (const char *name : {"first", "second"}) {
+        LumRegion *region = Create(kMiB, kMiB, 1, name); // protects its header
+        _LumPageProtect(region, region->base, 1);
+    }
+    std::vector<std::string> texts;
+    for (const lumtest::LogRecord &record : log.Records())
+        texts.push_back(std::to_string(record.severity) + " " + std::to_string(record.set) + "/" +
+                        std::to_string(record.id) + " " + record.text);
+    std::string reason = strerror(EACCES);
+    EXPECT_EQ(texts,
+              (std::vector<std::string>{
+                  "5 3/14 Failed to change the page protection of region first: " + reason,
+                  "5 3/14 Failed to change the page protection of region second: " + reason}));
 }

@@ -1,9 +1,8 @@
 // Helpers of the runtime-layer tests: a temporary directory, scoped
-// environment variables, a log capture, a lum_malloc failure, LumValues.
+// environment variables, a log capture.
 #pragma once
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -21,7 +20,6 @@ class TempDir {
             std::abort();
     }
     ~TempDir() { std::filesystem::remove_all(path_); }
-
     const std::string &path() const { return path_; }
     std::string write(const std::string &name, const std::string &content) const {
         std::ofstream(path_ + "/" + name) << content;
@@ -35,7 +33,7 @@ class TempDir {
 // Sets (or, with nullopt, unsets) an environment variable for a scope.
 class ScopedEnv {
   public:
-    ScopedEnv(const char *name, std::optional<std::string> value) : name_(name) {
+    ScopedEnv(const char *name, const std::optional<std::string> &value) : name_(name) {
         if (const char *old = std::getenv(name))
             old_ = old;
         apply(value);
@@ -44,17 +42,13 @@ class ScopedEnv {
 
   private:
     void apply(const std::optional<std::string> &value) {
-        if (value)
-            setenv(name_.c_str(), value->c_str(), 1);
-        else
-            unsetenv(name_.c_str());
+        value ? setenv(name_.c_str(), value->c_str(), 1) : unsetenv(name_.c_str());
     }
     std::string name_;
     std::optional<std::string> old_;
 };
 
-// Installs a sink that keeps each record of the calling thread as
-// "<severity> <set>/<id> <text>", and restores the default log.
+// Keeps each record as "<severity> <set>/<id> <text>" while it lives.
 struct LogCapture {
     LogCapture() { LumLogSetSink(&LogCapture::keep, this); }
     ~LogCapture() { LumLogSetSink(nullptr, nullptr); }
@@ -66,26 +60,12 @@ struct LogCapture {
     std::vector<std::string> records;
 };
 
-// Schedules a lum_malloc failure and cancels it at the end of the scope.
-class MallocFailure {
-  public:
-    explicit MallocFailure(uint32_t call) { lum_malloc_fail_at(call); }
-    ~MallocFailure() { lum_malloc_fail_at(0); }
-};
-
 // A catalogue opened from `content` as "<name>.cat" in `dir`.
 inline LumCatalog *open_catalog(const TempDir &dir, const char *name, const std::string &content) {
     dir.write(std::string(name) + ".cat", content);
     ScopedEnv path("LUM_CATALOG_PATH", dir.path());
     LumCatalog *catalog = nullptr;
     return LumI18nCatalogOpen(nullptr, name, &catalog) == 0 ? catalog : nullptr;
-}
-
-inline LumValue boolean_value(int32_t value) {
-    return LumValue{LUM_VALUE_BOOLEAN, 0, {.boolean = value}};
-}
-inline LumValue string_value(const char *text) {
-    return LumValue{LUM_VALUE_STRING, 0, {.string = {text, uint32_t(std::strlen(text))}}};
 }
 
 } // namespace rs_test

@@ -36,38 +36,36 @@ TEST(RsEnvExpandTest, ExpandsBothFormsAndRejectsAnUnclosedBrace) {
     }
 }
 
-TEST(RsWideStringTest, RoundTripsIncludingASurrogatePair) {
-    const char *text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"; // a, e-acute, euro, U+1F600
-    uint16_t *wide = nullptr;
-    ASSERT_EQ(LumWStringStrToWStr(text, &wide), 0);
-    EXPECT_EQ(std::u16string(reinterpret_cast<char16_t *>(wide)),
-              (std::u16string{0x61, 0xE9, 0x20AC, 0xD83D, 0xDE00}));
-    char *back = nullptr;
-    ASSERT_EQ(LumWStringWStrToStr(wide, &back), 0);
-    EXPECT_STREQ(back, text);
-    lum_free(wide);
-    lum_free(back);
-}
-
-TEST(RsWideStringTest, EachClassOfInvalidInputIsRejected) {
-    const char *const kUtf8[] = {
-        "\xC0\xAF",         // overlong '/'
-        "\xED\xA0\x80",     // a surrogate encoded in UTF-8
-        "\xF4\x90\x80\x80", // above U+10FFFF
-        "ok\xE2\x82",       // truncated by the end of the text
-        "\x80",             // a continuation byte alone
-        "\xF8\x88\x80\x80", // no lead byte of any length
+// Valid text converts both ways, a surrogate pair included; each class of
+// invalid input is refused with no string.
+TEST(RsWideStringTest, ConvertsValidTextBothWaysAndRefusesEachClassOfInvalidInput) {
+    const std::pair<const char *, std::u16string> utf8[] = {
+        {"a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", {0x61, 0xE9, 0x20AC, 0xD83D, 0xDE00}},
+        {"\xC0\xAF", {}},         // overlong '/'
+        {"\xED\xA0\x80", {}},     // a surrogate encoded in UTF-8
+        {"\xF4\x90\x80\x80", {}}, // above U+10FFFF
+        {"ok\xE2\x82", {}},       // truncated by the end of the text
+        {"\x80", {}},             // a continuation byte alone
+        {"\xF8\x88\x80\x80", {}}, // no lead byte of any length
     };
-    for (const char *text : kUtf8) {
+    for (const auto &[text, expected] : utf8) {
+        SCOPED_TRACE(testing::PrintToString(text));
         uint16_t *wide = reinterpret_cast<uint16_t *>(1);
-        EXPECT_EQ(LumWStringStrToWStr(text, &wide), EILSEQ) << testing::PrintToString(text);
-        EXPECT_EQ(wide, nullptr);
+        ASSERT_EQ(LumWStringStrToWStr(text, &wide), expected.empty() ? EILSEQ : 0);
+        if (expected.empty()) {
+            EXPECT_EQ(wide, nullptr);
+            continue;
+        }
+        EXPECT_EQ(std::u16string(reinterpret_cast<char16_t *>(wide)), expected);
+        char *back = nullptr;
+        EXPECT_EQ(LumWStringWStrToStr(wide, &back), 0);
+        EXPECT_STREQ(back, text);
+        lum_free(wide);
+        lum_free(back);
     }
-    const std::u16string kUtf16[] = {
-        {u'a', 0xD800}, // high surrogate without a low one
-        {0xDC00, u'a'}, // low surrogate without a high one
-    };
-    for (const std::u16string &wide : kUtf16) {
+    // Unpaired surrogates: a high one without a low one, and the reverse.
+    for (const std::u16string &wide :
+         {std::u16string{u'a', 0xD800}, std::u16string{0xDC00, u'a'}}) {
         char *text = reinterpret_cast<char *>(1);
         EXPECT_EQ(LumWStringWStrToStr(reinterpret_cast<const uint16_t *>(wide.c_str()), &text),
                   EILSEQ);

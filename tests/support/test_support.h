@@ -26,14 +26,25 @@ struct LogRecord {
 // Captures every log record while it lives.
 class LogCapture {
   public:
-    LogCapture();
-    ~LogCapture();
-    std::vector<LogRecord> Records() const;
+    LogCapture() { LumLogSetSink(&LogCapture::Sink, this); }
+    ~LogCapture() { LumLogSetSink(nullptr, nullptr); }
+    std::vector<LogRecord> Records() const {
+        std::lock_guard<std::mutex> hold(mutex_);
+        return records_;
+    }
     // Records with this catalogue set and id.
-    std::vector<LogRecord> Find(uint32_t set, uint32_t id) const;
+    std::vector<LogRecord> Find(uint32_t set, uint32_t id) const {
+        std::vector<LogRecord> found = Records();
+        std::erase_if(found, [&](const LogRecord &r) { return r.set != set || r.id != id; });
+        return found;
+    }
 
   private:
-    static void Sink(void *context, int32_t severity, uint32_t set, uint32_t id, const char *text);
+    static void Sink(void *context, int32_t severity, uint32_t set, uint32_t id, const char *text) {
+        auto *self = static_cast<LogCapture *>(context);
+        std::lock_guard<std::mutex> hold(self->mutex_);
+        self->records_.push_back({severity, set, id, text});
+    }
     mutable std::mutex mutex_;
     std::vector<LogRecord> records_;
 };
@@ -52,8 +63,7 @@ class PlatformGuard {
 };
 
 // Schedules the n-th lum_malloc from now to fail; cancels it on scope exit.
-class MallocFailure {
-  public:
+struct MallocFailure {
     explicit MallocFailure(uint32_t nth) { lum_malloc_fail_at(nth); }
     ~MallocFailure() { lum_malloc_fail_at(0); }
 };
@@ -84,10 +94,6 @@ int ExitCode(int status);
 // Names of the threads of this process, from /proc/self/task/*/comm.
 std::vector<std::string> ThreadNames();
 
-} // namespace lumtest
-
-namespace lumtest {
-
 // One call of a virtual-memory entry, as a recording platform saw it.
 struct VmCall {
     void *address;
@@ -98,32 +104,23 @@ struct VmCall {
 // Records the commit, decommit and protect calls made while it lives, and
 // passes them on to the system. Calls fail on purpose when the matching
 // fail_ flag is set.
-class VmRecorder {
-  public:
+struct VmRecorder {
     VmRecorder();
-    ~VmRecorder();
+    ~VmRecorder() { active_ = nullptr; }
     std::vector<VmCall> commits, decommits, protects;
     bool fail_commit = false;
     bool fail_decommit = false;
 
   private:
-    static VmRecorder *active_;
-    static int Commit(void *address, size_t length);
-    static int Decommit(void *address, size_t length);
-    static int Protect(void *address, size_t length, int writable);
+    static inline VmRecorder *active_;
     PlatformGuard guard_;
 };
 
-} // namespace lumtest
-
-namespace lumtest {
-
 // Makes chosen file calls fail while it lives; every other call goes to the
 // system. Counts the calls it sees.
-class FileFaults {
-  public:
+struct FileFaults {
     FileFaults();
-    ~FileFaults();
+    ~FileFaults() { active_ = nullptr; }
     int fail_write_at = 0;        // the n-th write from now fails (1 is the next)
     int write_errno = ENOSPC;     // ... with this errno, or
     bool short_write = false;     // ... writes half and reports it
@@ -133,15 +130,9 @@ class FileFaults {
     int writes = 0, opens = 0, renames = 0, ftruncates = 0, fsyncs = 0;
 
   private:
-    static FileFaults *active_;
-    static ssize_t Write(int fd, const void *buffer, size_t count);
-    static ssize_t Pwrite(int fd, const void *buffer, size_t count, off_t offset);
-    // True when this write is the one that must fail; counts it.
-    static bool FailsNow();
-    static int Open(const char *path, int flags, mode_t mode);
-    static int Rename(const char *from, const char *to);
-    static int Ftruncate(int fd, off_t length);
-    static int Fsync(int fd);
+    // A write (or pwrite) through `pass`, unless it is the one that fails.
+    template <typename Pass> static ssize_t Write(size_t count, Pass pass);
+    static inline FileFaults *active_;
     PlatformGuard guard_;
 };
 

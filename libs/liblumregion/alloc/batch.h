@@ -53,11 +53,11 @@ template <bool kProtects> class ChangeBatch {
     // _LumPageUnprotect and _LumPageProtect.
     void Unprotect(void *address, uint32_t length) const {
         if (kProtects)
-            _LumPageAccessSet(address, length, 1);
+            _LumPageAccessSet(region_, address, length, 1);
     }
     void Protect(void *address, uint32_t length) const {
         if (kProtects)
-            _LumPageAccessSet(address, length, 0);
+            _LumPageAccessSet(region_, address, length, 0);
     }
 
     // _LumImageMarkDirty of [address, address + length), changed already.

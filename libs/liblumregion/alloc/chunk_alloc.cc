@@ -68,6 +68,8 @@ int32_t AllocateChunk(Batch &changes, LumSegment *segment, uint32_t want, void *
     // Last: every protect before works on whole pages and may have closed
     // the chunk's.
     changes.Unprotect(found, have);
+    if constexpr (std::is_same_v<Batch, ChangeBatch<true>>) // stays writable for the host
+        _LumOpenChunkAdd(changes.region(), found, have);
     ImageStore32(found, have);
     ImageStore32(found + have - 4, have);
     *pointer = found + 4;

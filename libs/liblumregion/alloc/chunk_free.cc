@@ -34,6 +34,8 @@ namespace {
 // Frees the used chunk at `chunk`: merges it with its free neighbours,
 // then bins the result or gives its extent back, then the counters.
 template <typename Batch> void FreeChunk(Batch &changes, LumSegment *segment, uint8_t *chunk) {
+    if constexpr (std::is_same_v<Batch, ChangeBatch<true>>) // an allocation freed unlogged
+        _LumOpenChunkEnd(changes.region(), chunk);
     uint8_t *stats_at = segment->primary + primary_extent::kStats;
     uint8_t *bins = segment->primary + primary_extent::kChunkBins;
     uint32_t freed = BlockSize(chunk);

@@ -126,7 +126,7 @@ void LumMemLog(LumSegment *segment, void *pointer) {
         return;
     uint32_t size;
     uint8_t *chunk = ChunkOf(pointer, &size);
-    _LumPageProtect(segment->region, chunk, size);
+    _LumOpenChunkProtect(segment->region, chunk, size);
     _LumImageMarkDirty(segment->region, chunk, size);
 }
 
@@ -135,7 +135,7 @@ void LumMemNoLog(LumSegment *segment, void *pointer) {
         return;
     uint32_t size;
     uint8_t *chunk = ChunkOf(pointer, &size);
-    _LumPageProtect(segment->region, chunk, size);
+    _LumOpenChunkProtect(segment->region, chunk, size);
 }
 
 void *_LumMemCopy(LumSegment *segment, void *target, const void *source, uint32_t length) {

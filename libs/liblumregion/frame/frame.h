@@ -48,7 +48,7 @@ extern uint32_t region_page_size;
 extern uint32_t region_page_shift; // log2 of region_page_size, a power of two
 extern int32_t region_protect_all;
 // 1 when lum_platform.flush_write_buffers worked at start-up: a writer then
-// tests a dirty bit before it pays for setting it (pagetable.cc).
+// tests a dirty bit before it pays for setting it (durable/dirty_map.cc).
 extern int32_t region_write_barrier;
 extern int32_t region_mutation_check;
 extern int32_t region_verify_on_recovery;

@@ -2,10 +2,15 @@
 // of the library's result codes.
 //
 // States of one process: loaded (by the load hook), started (by the first
-// successful LumRegionStartup), stopped (by LumRegionShutdown). A failed
-// start leaves the library loaded and may be retried; the runtime objects
-// made before the failing step stay behind, as the steps below say. A start
+// successful LumRegionStartup), stopped (by LumRegionShutdown). A start
 // after a success or after a stop returns 0 and does nothing.
+//
+// A failed start leaves the library loaded and may be retried as often as
+// the host likes: it undoes the registry mutex and the event it made. The
+// locale and the catalogue cannot be undone (the runtime keeps them for the
+// life of the process), so they are made once and every later attempt
+// reuses them. Registering the result codes again replaces them with the
+// same texts.
 #include <bit>
 #include <cstring>
 
@@ -28,6 +33,8 @@ LumThread *region_checkpoint_thread;
 char region_home[kPathBufferSize + 1];
 
 namespace {
+
+LumLocale *region_locale; // made by the first attempt that got this far
 
 // Catalogue set 1 holds the texts of these codes, ids 1 to 22 in this order.
 // -492 has no row: it reaches hosts as a bare number.
@@ -68,18 +75,40 @@ void KeepHome(const char *home) {
     }
 }
 
-// Creates the registry mutex, the event and the thread. A failure leaves
-// what was made before it, except the event when the thread fails.
+// The locale and the library's catalogue, once per process. A catalogue
+// that cannot be opened is no failure: every text then is its default.
+int32_t OpenCatalogue() {
+    if (region_locale == nullptr) {
+        LumLocale *locale = nullptr;
+        if (int32_t rc = LumI18nLocaleCreate(0, 0, 0, 0, &locale); rc != 0)
+            return rc;
+        region_locale = locale;
+    }
+    if (region_catalog == nullptr)
+        LumI18nCatalogOpen(region_locale, "liblumregion", &region_catalog);
+    return 0;
+}
+
+void DestroyRegistryMutex() {
+    LumMutexDestroy(region_registry_mutex);
+    region_registry_mutex = nullptr;
+}
+
+// Creates the registry mutex, the event and the thread. A failure undoes
+// what this call made, so nothing of it is left for a retry to lose.
 int32_t StartCheckpointing() {
     if (int32_t rc = LumMutexCreate("RegionOpen", &region_registry_mutex); rc != 0)
         return rc;
-    if (int32_t rc = LumEventCreate(&region_checkpoint_event); rc != 0)
+    if (int32_t rc = LumEventCreate(&region_checkpoint_event); rc != 0) {
+        DestroyRegistryMutex();
         return rc;
+    }
     if (int32_t rc =
             LumThreadSpawn("REGIONCHKPT", _LumCheckpointThread, 0, 0, &region_checkpoint_thread);
         rc != 0) {
         LumEventDestroy(region_checkpoint_event);
         region_checkpoint_event = nullptr;
+        DestroyRegistryMutex();
         return rc;
     }
     return 0;
@@ -93,10 +122,8 @@ int32_t LumRegionStartup(LumPropMgr *properties, const char *home) {
     if (home == nullptr || strlen(home) >= kPathBufferSize)
         return LUM_RC_FAILURE;
 
-    LumLocale *locale;
-    if (int32_t rc = LumI18nLocaleCreate(0, 0, 0, 0, &locale); rc != 0)
+    if (int32_t rc = OpenCatalogue(); rc != 0)
         return rc;
-    LumI18nCatalogOpen(locale, "liblumregion", &region_catalog);
     if (int32_t rc = LumRCRegister(region_catalog, 22, kResultCodes); rc != 0)
         return rc;
     region_page_size = lum_platform.page_size();
@@ -122,7 +149,6 @@ int32_t LumRegionShutdown() {
     // before the mutex is.
     LumThreadJoin(region_checkpoint_thread);
     region_checkpoint_thread = nullptr;
-    LumMutexDestroy(region_registry_mutex);
-    region_registry_mutex = nullptr;
+    DestroyRegistryMutex();
     return 0;
 }

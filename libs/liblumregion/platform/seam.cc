@@ -1,5 +1,5 @@
-// The platform seam's table: production entries from platform_vm.cc and
-// platform_file.cc, plain POSIX calls where no wrapping is needed.
+// The platform seam's table: production entries from posix_vm.cc and
+// posix_file.cc, plain POSIX calls where no wrapping is needed.
 #include <cstdio>
 #include <sys/stat.h>
 #include <unistd.h>

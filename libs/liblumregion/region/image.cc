@@ -83,9 +83,15 @@ int32_t MoveCommitted(LumRegion *region, uint64_t target) {
 int32_t _LumImageCreate(const char *name, int32_t type, uint32_t hard_limit, uint32_t soft_limit,
                         uint32_t largest_record, int32_t protect, const char *directory,
                         LumRegion **out) {
-    // A hard limit that rounds past 4 GiB is 0 and cannot be reserved; a
-    // soft limit that rounds past it is the last page a size can reach.
-    hard_limit = static_cast<uint32_t>(RoundUpTo(hard_limit, kCommitStep));
+    // A hard limit of 0, or one that rounds past 4 GiB, leaves nothing to
+    // reserve: refused before anything is made. A soft limit that rounds
+    // past 4 GiB is the last page a size can reach.
+    uint64_t reserved = RoundUpTo(hard_limit, kCommitStep);
+    if (reserved == 0 || reserved > UINT32_MAX) {
+        *out = nullptr;
+        return LUM_RC_RESERVE;
+    }
+    hard_limit = static_cast<uint32_t>(reserved);
     soft_limit = static_cast<uint32_t>(std::min<uint64_t>(PageRoundUp(soft_limit), LastPageEnd()));
 
     void *memory = lum_malloc(sizeof(LumRegion));
@@ -100,7 +106,7 @@ int32_t _LumImageCreate(const char *name, int32_t type, uint32_t hard_limit, uin
         return AbandonHandle(region, LUM_RC_NO_MEMORY, out);
     if (LumMutexCreate("RegionHandle", &region->handle_mutex) != 0)
         return AbandonHandle(region, LUM_RC_NO_MEMORY, out);
-    region->base = static_cast<uint8_t *>(hard_limit ? lum_platform.reserve(hard_limit) : nullptr);
+    region->base = static_cast<uint8_t *>(lum_platform.reserve(hard_limit));
     if (region->base == nullptr)
         return AbandonHandle(region, LUM_RC_RESERVE, out);
 

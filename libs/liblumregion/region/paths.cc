@@ -6,7 +6,19 @@
 #include "platform/platform.h"
 #include "region/region.h"
 
+namespace {
+
+// A name that is joined to a directory must stay a file inside it.
+bool NameStaysInDirectory(const char *name) {
+    return name[0] != '\0' && strcmp(name, ".") != 0 && strcmp(name, "..") != 0 &&
+           strchr(name, kPathSeparator) == nullptr;
+}
+
+} // namespace
+
 bool RegionNameAndDirectoryFit(const char *name, const char *directory) {
+    if (!NameStaysInDirectory(name))
+        return false;
     size_t name_length = strlen(name);
     size_t directory_length = directory ? strlen(directory) : 0;
     return name_length <= LUM_REGION_NAME_MAX &&

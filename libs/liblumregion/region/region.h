@@ -7,7 +7,7 @@
 //   2. used <= committed <= hard_limit; after each successful size change
 //      committed is used rounded up to 1 MiB, and used <= soft_limit.
 //   3. hard_limit is a multiple of 1 MiB, used a multiple of the page size.
-// Invariants of references, kept by region.cc:
+// Invariants of references, kept by lifecycle.cc:
 //   4. A handle in region_registry holds the host's reference, so the
 //      checkpoint thread may take one more under the registry mutex.
 //   5. Whoever drops the last reference closes the files, deletes what must
@@ -43,6 +43,27 @@ struct BinSummary {
 // id (slots 0 to 127).
 inline constexpr uint32_t kBinSummarySlots = 129;
 
+// The allocations of a region that protects its pages which LumMemAlloc has
+// handed out and no LumMemLog, LumMemNoLog or LumMemFree has finished yet.
+// The host fills them with plain stores, so every page one of them touches
+// stays writable: the protect step leaves such pages alone. Kept by
+// protect.cc, used by the writer's thread alone.
+//
+// The set is bounded. An allocation that finds it full sets `overflowed`,
+// and from then on the region's pages are no longer made read-only (an
+// allocation the set does not hold must not be closed under the host).
+inline constexpr uint32_t kOpenChunkSlots = LUM_REGION_OPEN_ALLOCATIONS;
+struct OpenChunk {
+    uint8_t *chunk;  // the head tag
+    uintptr_t first; // the first page the chunk touches
+    uintptr_t end;   // the page behind the last one it touches
+};
+struct OpenChunks {
+    OpenChunk slots[kOpenChunkSlots];
+    uint32_t count;
+    bool overflowed;
+};
+
 // The volatile record of an open region. The handle is a pointer to it, and
 // `name` comes first so that the handle serves as the region's name in log
 // messages. Allocated with lum_malloc and value-initialised (all zero).
@@ -76,7 +97,9 @@ struct LumRegion {
     uint32_t ref_count;                       // guarded by handle_mutex
     int32_t drop_requested;                   // the .tab file goes too at the last reference
     LumMutex *handle_mutex;                   // "RegionHandle": guards ref_count
-    BinSummary bin_summary[kBinSummarySlots]; // owned by freelist.cc
+    BinSummary bin_summary[kBinSummarySlots]; // owned by bins.cc
+    OpenChunks open_chunks;                   // owned by protect.cc
+    bool protect_failure_reported;            // a failed protection change was logged
 };
 
 // The volatile handle of a segment: its region and its primary extent. The
@@ -112,23 +135,45 @@ int32_t _LumImageSetSize(LumRegion *region, uint32_t size);
 // protect.cc ------------------------------------------------------------
 
 // Makes every page that [address, address + length) touches writable
-// (writable != 0) or read-only. Called only for a region that protects.
-LUM_SLOW_PATH void _LumPageAccessSet(void *address, uint32_t length, int32_t writable);
+// (writable != 0), or read-only except the pages of open allocations (see
+// OpenChunks). Called only for a region that protects. A failed change is
+// logged, once per region, and otherwise ignored.
+LUM_SLOW_PATH void _LumPageAccessSet(LumRegion *region, void *address, uint32_t length,
+                                     int32_t writable);
 
 // Make every page that [address, address + length) touches writable or
 // read-only, when the region or Region.ProtectAll asks for protection. The
-// calls do not nest. Inline: every write of the allocator passes here, and
-// most regions do not protect.
+// calls do not nest, with one exception: a page that an open allocation
+// touches stays writable. Inline: every write of the allocator passes here,
+// and most regions do not protect.
 inline bool ProtectsPages(const LumRegion *region) {
     return (region->protect | region_protect_all) != 0;
 }
 inline void _LumPageUnprotect(LumRegion *region, void *address, uint32_t length) {
     if (ProtectsPages(region))
-        _LumPageAccessSet(address, length, 1);
+        _LumPageAccessSet(region, address, length, 1);
 }
 inline void _LumPageProtect(LumRegion *region, void *address, uint32_t length) {
     if (ProtectsPages(region))
-        _LumPageAccessSet(address, length, 0);
+        _LumPageAccessSet(region, address, length, 0);
+}
+
+// Opens the new allocation whose chunk of `size` bytes starts at `chunk`:
+// its pages stay writable until _LumOpenChunkEnd. REQUIRES: the region
+// protects its pages, and the chunk's pages are writable now.
+LUM_SLOW_PATH void _LumOpenChunkAdd(LumRegion *region, uint8_t *chunk, uint32_t size);
+
+// Ends the open allocation at `chunk`, if there is one; its pages are left
+// as they are. REQUIRES: the region protects its pages.
+LUM_SLOW_PATH void _LumOpenChunkEnd(LumRegion *region, uint8_t *chunk);
+
+// Ends the allocation at `chunk` and protects its pages (LumMemLog and
+// LumMemNoLog), those that another open allocation touches excepted.
+inline void _LumOpenChunkProtect(LumRegion *region, uint8_t *chunk, uint32_t size) {
+    if (ProtectsPages(region)) {
+        _LumOpenChunkEnd(region, chunk);
+        _LumPageAccessSet(region, chunk, size, 0);
+    }
 }
 
 // create.cc -------------------------------------------------------------
@@ -159,8 +204,10 @@ void _LumRegionDeleteFiles(LumRegion *region, int32_t with_tab);
 
 // paths.cc ----------------------------------------------------------------
 
-// True when `name` and `directory` (may be null) fit the handle's fields and,
-// joined with the longest file suffix, a path buffer.
+// True when `name` can name files inside a directory (it is not empty,
+// "." or "..", and holds no path separator), and `name` and `directory`
+// (may be null) fit the handle's fields and, joined with the longest file
+// suffix, a path buffer.
 bool RegionNameAndDirectoryFit(const char *name, const char *directory);
 
 // Builds directory + name + suffix into `path` (kPathBufferSize bytes).
