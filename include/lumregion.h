@@ -266,18 +266,23 @@ typedef struct LumSegmentInfo {
 /** Creates a segment of @p region with the lowest free id: a primary
  *  extent of @p primary_size bytes, grown when full by secondary extents,
  *  the first of @p secondary_size bytes and each further one
- *  @p growth_percent larger, until the segment's total reaches
- *  @p maximum_size (0: no maximum). Sizes are rounded up to pages.
+ *  @p growth_percent larger than the one before, until the segment's total
+ *  reaches @p maximum_size (0: no maximum). Sizes are rounded up to pages.
+ *  A @p secondary_size of 0 gives each secondary extent the size that the
+ *  allocation which needs it asks for.
  *  @return 0 with *segment set; -406 when 128 segments exist; -405 for a
- *  primary size of 0 or a maximum below primary + secondary size (both
- *  leave *segment untouched); 12 or the region's -402/-403 (with *segment
- *  null); -19 for a null argument. */
+ *  primary size of 0, a maximum below primary + secondary size, or a size
+ *  whose pages exceed the region's hard limit (all leave *segment
+ *  untouched and change nothing); 12 or the region's -402/-403 (with
+ *  *segment null); -19 for a null argument. */
 LUMREGION_API int32_t LumSegmentCreate(LumRegion *region, uint32_t primary_size,
                                        uint32_t secondary_size, uint32_t growth_percent,
                                        uint32_t maximum_size, LumSegment **segment);
 
 /** Drops the segment with everything in it and releases @p segment.
- *  @return 0; -19 for a null handle. */
+ *  @return 0; -19 for a null handle, or one whose segment is no longer
+ *  live (dropped through another handle): nothing changes, and the host
+ *  still owns the handle, which LumSegmentClose releases. */
 LUMREGION_API int32_t LumSegmentDrop(LumSegment *segment);
 
 /** A new handle of the segment with id @p segment_id.
