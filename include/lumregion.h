@@ -310,8 +310,15 @@ LUMREGION_API uint32_t LumSegmentGetUsedBytes(LumSegment *segment);
 LUMREGION_API int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer);
 
 /** Frees an allocation of @p segment, merging it with free neighbours.
- *  @return 0; -19 for a pointer that is not a multiple of 8 or a null
- *  segment; -408 for a chunk that is free already. */
+ *  Checks before it changes anything that @p pointer names a live chunk of
+ *  the segment: its boundary tags are live and agree, it lies between the
+ *  fences of one of the segment's extents, and the tags of the free
+ *  neighbours it merges with agree. A second free of a pointer is refused
+ *  as long as its memory has not been handed out again since.
+ *  @return 0; -19 for a null segment or a pointer that is not a multiple
+ *  of 8 or lies outside the image's extents; -408 for a pointer that names
+ *  no live chunk of the segment, such as one that is free already. A
+ *  refused pointer changes nothing. */
 LUMREGION_API int32_t LumMemFree(LumSegment *segment, void *pointer);
 
 /** The bytes usable at @p pointer, at least what was asked; 0 for null. */
