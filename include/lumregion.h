@@ -96,6 +96,10 @@ extern "C" {
 #define LUM_RC_FENCE_FREE (-492)       /**< a fence chunk marked free; has no registered text */
 #define LUM_RC_BAD_CHUNK (-491)        /**< "Invalid chunk" */
 #define LUM_RC_EXTENT_STATS (-490)     /**< "Extent statistics mismatch" */
+#define LUM_RC_SEGMENT_COUNT (-489)    /**< "Segment count mismatch" */
+#define LUM_RC_TAG_MISMATCH (-488)     /**< "Boundary tag mismatch" */
+#define LUM_RC_BIN_RING (-487)         /**< "Free list ring broken" */
+#define LUM_RC_BIN_MEMBER (-486)       /**< "Free block outside its bin" */
 
 /* ---------------------------------------------------------------------- */
 /* Configuration                                                          */
@@ -324,15 +328,44 @@ LUMREGION_API int32_t LumMemFree(LumSegment *segment, void *pointer);
 /** The bytes usable at @p pointer, at least what was asked; 0 for null. */
 LUMREGION_API uint32_t LumMemGetSize(void *pointer);
 
-/** Walks the image of @p region and proves its structure: extents tile the
+/** Walks the image of @p region and proves its structure: the segment
+ *  count equals the entries of the segment map in use, extents tile the
  *  image in page multiples, every live segment stands in the segment map,
  *  its chunks have sane sizes, and its kept statistics equal the walk's
  *  sums. Reads only the image below its used size, whatever the image
  *  holds, and changes nothing. The region must not change meanwhile.
- *  @return 0, or the code of the first failing test: -497, -496, -495
- *  (segment map), -494, -493, -499, -498 (extents), -492 (a free front
- *  fence), -491 (chunks), -490 (statistics); -19 for a null handle. */
+ *  @return 0, or the code of the first failing test: -489 (segment
+ *  count), -497, -496, -495 (segment map), -494, -493, -499, -498
+ *  (extents), -492 (a free front fence), -491 (chunks), -490 (statistics);
+ *  -19 for a null handle. */
 LUMREGION_API int32_t LumRegionVerify(LumRegion *region);
+
+/** Proves everything that LumRegionVerify proves, and all else that
+ *  allocation, free and segment drop trust of an image: the foot tag of
+ *  every extent, fence and chunk equals its head tag; no two free chunks
+ *  and no two free extents lie side by side, and the image does not end in
+ *  a free extent; each secondary extent's prev link names the extent
+ *  before it; every entry of the segment map names a live primary extent,
+ *  and every live extent belongs to exactly one segment; every free chunk
+ *  and free extent lies exactly once on the ring of the bin that its size
+ *  selects, and every ring is sorted and closed in both directions; all
+ *  six counters of each segment equal a recount. After it returns 0,
+ *  LumMemAlloc, LumMemFree, LumSegmentCreate and LumSegmentDrop on the
+ *  image touch only the image. Reads only the image below its used size,
+ *  whatever the image holds, and changes nothing; the region must not
+ *  change meanwhile. Its walk takes volatile memory of about 1/64 of the
+ *  used size, for one call.
+ *  @return 0; the codes of LumRegionVerify, in the same order where the
+ *  same test fails; -488 (a foot tag, or a free tag below the first
+ *  extent), -492 (a fence that is not whole), -491 (free chunks side by
+ *  side), -494 (free extents side by side, or one at the end), -498 (a
+ *  prev link, or an extent in no chain or in two), -496 (a map entry that
+ *  names no live primary extent), -487 (a ring that leaves the free
+ *  blocks, meets one twice or does not close both ways), -486 (a free
+ *  block on the ring of another bin, out of order, or on no ring), -490
+ *  (also for the extent counters); 12 when the walk's memory cannot be
+ *  had; -19 for a null handle. */
+LUMREGION_API int32_t LumRegionVerifyDeep(LumRegion *region);
 
 /* ---------------------------------------------------------------------- */
 /* Commit, offline and online                                             */

@@ -29,7 +29,7 @@ char region_home[kPathBufferSize + 1];
 
 namespace {
 
-// Catalogue set 1 holds the texts of these codes, ids 1 to 22 in this order.
+// Catalogue set 1 holds the texts of these codes, ids 1 to 26 in this order.
 // -492 has no row: it reaches hosts as a bare number.
 const LumRCEntry kResultCodes[] = {
     {-401, 1, 1, "Failed to reserve swap space for region"},
@@ -54,8 +54,12 @@ const LumRCEntry kResultCodes[] = {
     {-493, 1, 20, "Invalid extent kind"},
     {-491, 1, 21, "Invalid chunk"},
     {-490, 1, 22, "Extent statistics mismatch"},
+    {-489, 1, 23, "Segment count mismatch"},
+    {-488, 1, 24, "Boundary tag mismatch"},
+    {-487, 1, 25, "Free list ring broken"},
+    {-486, 1, 26, "Free block outside its bin"},
 };
-static_assert(sizeof kResultCodes / sizeof kResultCodes[0] == 22);
+static_assert(sizeof kResultCodes / sizeof kResultCodes[0] == 26);
 
 // Keeps the data directory with exactly one trailing separator added when
 // it has none; separators already there stay as they are.
@@ -97,7 +101,7 @@ int32_t LumRegionStartup(LumPropMgr *properties, const char *home) {
     if (int32_t rc = LumI18nLocaleCreate(0, 0, 0, 0, &locale); rc != 0)
         return rc;
     LumI18nCatalogOpen(locale, "liblumregion", &region_catalog);
-    if (int32_t rc = LumRCRegister(region_catalog, 22, kResultCodes); rc != 0)
+    if (int32_t rc = LumRCRegister(region_catalog, 26, kResultCodes); rc != 0)
         return rc;
     region_page_size = lum_platform.page_size();
     region_page_shift = static_cast<uint32_t>(std::countr_zero(region_page_size));
