@@ -348,23 +348,22 @@ LUMREGION_API int32_t LumRegionVerify(LumRegion *region);
  *  before it; every entry of the segment map names a live primary extent,
  *  and every live extent belongs to exactly one segment; every free chunk
  *  and free extent lies exactly once on the ring of the bin that its size
- *  selects, and every ring is sorted and closed in both directions; all
- *  six counters of each segment equal a recount. After it returns 0,
- *  LumMemAlloc, LumMemFree, LumSegmentCreate and LumSegmentDrop on the
- *  image touch only the image. Reads only the image below its used size,
- *  whatever the image holds, and changes nothing; the region must not
- *  change meanwhile. Its walk takes volatile memory of about 1/64 of the
- *  used size, for one call.
+ *  selects, and every ring is closed in both directions; all six counters
+ *  of each segment equal a recount. After it returns 0, LumMemAlloc,
+ *  LumMemFree, LumSegmentCreate and LumSegmentDrop on the image touch only
+ *  the image. Reads only the image below its used size, whatever the image
+ *  holds, and changes nothing; the region must not change meanwhile. Its
+ *  walk takes volatile memory of about 1/64 of the used size, for one call.
  *  @return 0; the codes of LumRegionVerify, in the same order where the
  *  same test fails; -488 (a foot tag, or a free tag below the first
  *  extent), -492 (a fence that is not whole), -491 (free chunks side by
- *  side), -494 (free extents side by side, or one at the end), -498 (a
+ *  side), -494 (a free extent beside a free one or at the end), -498 (a
  *  prev link, or an extent in no chain or in two), -496 (a map entry that
  *  names no live primary extent), -487 (a ring that leaves the free
  *  blocks, meets one twice or does not close both ways), -486 (a free
- *  block on the ring of another bin, out of order, or on no ring), -490
- *  (also for the extent counters); 12 when the walk's memory cannot be
- *  had; -19 for a null handle. */
+ *  block on the ring of another bin, or on no ring), -490 (also for the
+ *  extent counters); 12 when the walk's memory cannot be had; -19 for a
+ *  null handle. */
 LUMREGION_API int32_t LumRegionVerifyDeep(LumRegion *region);
 
 /* ---------------------------------------------------------------------- */

@@ -15,8 +15,8 @@
 // before it in its chain; every map entry names a live primary extent, and
 // every live extent lies in exactly one chain; every free chunk and every
 // free extent lies exactly once on the ring of the bin that its size
-// selects, and every ring is closed in both directions and sorted; all six
-// counters equal a recount. That is all that allocation, release and drop
+// selects, and every ring is closed in both directions; all six counters
+// equal a recount. That is all that allocation, release and drop
 // trust of an image, so on an image that passes, they touch only the image.
 //
 // Both walks are safe on an image from untrusted files: they read only
@@ -53,7 +53,8 @@ struct BlockSet {
 // What the deep walk has found by tiling and not yet reached again through
 // a ring or a chain, so that each block is reached exactly once. Chunks
 // begin 4 bytes past a multiple of 8, extents on pages, so each has a bit
-// of its own.
+// of its own. The chains take the live extents out before extent_bins is
+// walked, so only free ones are left for its rings.
 struct Found {
     BlockSet free_chunks; // of the segment being checked; empty between segments
     BlockSet extents;     // live and free
@@ -206,25 +207,20 @@ int32_t CheckStats(const Walk &walk, uint64_t primary, const Sums &sums) {
 }
 
 // One ring of a BinArray, from its sentinel along link_up: every item is a
-// free block of `items` not reached before, of this bin, no smaller than
-// the one before it, whose link_down names the one before it; the ring
-// returns to the sentinel, whose link_down names the last item. Each item
-// taken from the set is one step less, so the walk ends.
+// free block of `items` not reached before, of this bin, whose link_down
+// names the one before it; the ring returns to the sentinel, whose
+// link_down names the last item. Each item taken from the set is one step
+// less, so the walk ends.
 int32_t CheckRing(const Walk &walk, uint64_t sentinel, uint32_t bin, const BinItems &items,
                   uint32_t *reached) {
     uint64_t prev = sentinel;
-    uint32_t smallest = 0;
     for (uint64_t item = WordAt(walk, sentinel + bin_array::kLinkUp); item != sentinel;
          item = WordAt(walk, item + bin_array::kLinkUp)) {
         if (item >= walk.used || item % items.alignment != items.residue ||
             !items.set->Take(item) || WordAt(walk, item + bin_array::kLinkDown) != prev)
             return LUM_RC_BIN_RING;
-        uint32_t tag = WordAt(walk, item);
-        if (!(tag & CHUNK_FREE))
-            return LUM_RC_BIN_RING; // a live extent
-        if (_LumFreeListIndex(TagSize(tag)) != bin || TagSize(tag) < smallest)
+        if (_LumFreeListIndex(BlockSize(walk.base + item)) != bin)
             return LUM_RC_BIN_MEMBER;
-        smallest = TagSize(tag);
         prev = item;
         *reached += 1;
     }
@@ -271,14 +267,16 @@ int32_t CheckSegment(const Walk &walk, uint64_t primary) {
                      {&walk.found->free_chunks, sums.free_chunks, 8, 4});
 }
 
-// The deep walk's view of one extent of the tiling: its foot tag agrees,
-// it is not free beside a free extent below, and it joins the extents that
-// the chains or extent_bins must reach.
+// The deep walk's view of one extent of the tiling: its foot tag agrees, a
+// free one has a live extent above it (free ones merge, and one at the end
+// is cut off the image), and it joins the extents that the chains or
+// extent_bins must reach.
 int32_t NoteExtent(const Walk &walk, uint64_t offset, uint32_t tag, uint32_t size) {
     if (WordAt(walk, offset + size - 4) != tag)
         return LUM_RC_TAG_MISMATCH;
-    if (tag & WordAt(walk, offset - 4) & CHUNK_FREE)
-        return LUM_RC_FREE_EXTENT; // two free extents that did not merge
+    if ((tag & CHUNK_FREE) &&
+        (offset + size == walk.used || (WordAt(walk, offset + size) & CHUNK_FREE)))
+        return LUM_RC_FREE_EXTENT;
     walk.found->extents.Add(offset);
     (tag & CHUNK_FREE ? walk.found->free_extents : walk.found->live_extents) += 1;
     return 0;
@@ -308,9 +306,6 @@ int32_t CheckTiling(const Walk &walk) {
         }
         offset += size;
     }
-    // A free extent that reached the end of the image was cut off it.
-    if (walk.found != nullptr && walk.used > first && (WordAt(walk, walk.used - 4) & CHUNK_FREE))
-        return LUM_RC_FREE_EXTENT;
     return 0;
 }
 
