@@ -41,6 +41,9 @@ TEST_F(VerifyTest, EachDamageGivesItsCode) {
     auto set = [](uint8_t *at, uint32_t value) { ImageStore32(at, value); };
     auto add = [](uint8_t *at, uint32_t value) { ImageStore32(at, ImageLoad32(at) + value); };
     auto offset = [&](uint8_t *at) { return ImageOffsetOf(r, at); };
+    auto retag = [&](uint8_t *at, uint32_t n, uint32_t tag) { set(at, tag), set(at + n - 4, tag); };
+    auto link = [&](uint8_t *a, uint8_t *b) { set(a + 4, offset(b)), set(b + 8, offset(a)); };
+    uint8_t *forged = c + 16; // inside a live chunk
     using namespace extent_header;
     const std::tuple<const char *, std::function<void()>, int32_t, int32_t> rows[] = {
         {"segment count off by one", [&] { add(count, 1); }, -489, -489},
@@ -63,22 +66,24 @@ TEST_F(VerifyTest, EachDamageGivesItsCode) {
         {"front fence foot", [&] { set(s + kSecondarySize + 12, 16); }, 0, -488},
         {"chunk tag of 0", [&] { set(c, 0); }, -491, -491},
         {"chunk past the rear fence", [&] { set(c, 0xFFFFFFF0); }, -491, -491},
-        {"chunk tagged free, counted as used", [&] { add(c, CHUNK_FREE); }, -490, -488},
-        {"two free chunks side by side", [&] { add(live, 1), add(live + 44, 1); }, -490, -491},
-        {"two free extents side by side", [&] { add(l, 1), add(l + page - 4, 1); }, 0, -494},
+        {"two free chunks side by side", [&] { retag(live, 48, 49); }, -490, -491},
+        {"two free extents side by side", [&] { retag(l, page, page + 1); }, 0, -494},
         {"chunk foot tag", [&] { add(c + BlockSize(c) - 4, 8); }, 0, -488},
         {"extent foot tag", [&] { add(s + page - 4, page); }, 0, -488},
-        {"free tag below the first extent", [&] { set(base + FirstExtentOffset() - 4, 1); }, 0,
-         -488},
+        {"a free gap word", [&] { set(base + FirstExtentOffset() - 4, 1); }, 0, -488},
         {"free chunks counted once more", [&] { add(stats + 12, 1); }, -490, -490},
         {"extents counted once more", [&] { add(stats, 1); }, 0, -490},
         {"free chunk unlinked from its ring", [&] { _LumFreeListRemove(r, one); }, 0, -486},
         {"free chunk in the wrong bin",
          [&] { _LumFreeListRemove(r, one), _LumFreeListInsert(r, bins, one, 64); }, 0, -486},
-        {"free extent unlinked", [&] { _LumFreeListRemove(r, free_extent); }, 0, -486},
         {"ring broken one way", [&] { set(two + bin_array::kLinkDown, ring); }, 0, -487},
         {"ring link out of the image", [&] { set(one + bin_array::kLinkUp, 0xFFFFFFF4); }, 0, -487},
-        {"circular ring", [&] { set(two + bin_array::kLinkUp, offset(one)); }, 0, -487},
+        {"a ring through a forged free chunk",
+         [&] { set(forged, 49), link(one, forged), link(forged, base + ring); }, 0, -487},
+        {"sentinel's link_down", [&] { set(base + ring + 8, offset(one)); }, 0, -487},
+        {"the last bin's link_up", [&] { set(bins + bin_array::kSize - 8, offset(one)); }, 0, -487},
+        {"live extent in no segment",
+         [&] { retag(free_extent, page, page), set(free_extent + kKind, 2); }, 0, -498},
     };
     const std::vector<uint8_t> sound(base, base + used);
     ASSERT_EQ(LumRegionVerifyDeep(r), 0);
@@ -90,8 +95,6 @@ TEST_F(VerifyTest, EachDamageGivesItsCode) {
         std::copy(sound.begin(), sound.end(), base);
         ASSERT_EQ(LumRegionVerifyDeep(r), 0) << "after " << what;
     }
-    EXPECT_EQ(LumRegionVerify(nullptr), LUM_RC_FAILURE);
-    EXPECT_EQ(LumRegionVerifyDeep(nullptr), LUM_RC_FAILURE);
     {
         lumtest::MallocFailure no_memory(1); // for the deep walk's record of what it found
         EXPECT_EQ(LumRegionVerifyDeep(r), LUM_RC_NO_MEMORY);
