@@ -16,8 +16,8 @@
 // every live extent lies in exactly one chain; every free chunk and every
 // free extent lies exactly once on the ring of the bin that its size
 // selects, and every ring is closed in both directions; all six counters
-// equal a recount. That is all that allocation, release and drop
-// trust of an image, so on an image that passes, they touch only the image.
+// equal a recount. That is all that allocation, release and drop trust of
+// an image, so on an image that passes, they touch only the image.
 //
 // Both walks are safe on an image from untrusted files: they read only
 // between base and base + used, whatever a tag, a link or a size says, and
