@@ -133,6 +133,10 @@ extern "C" {
 #define LUM_RC_FENCE_FREE (-492)       /**< a fence chunk marked free; has no registered text */
 #define LUM_RC_BAD_CHUNK (-491)        /**< "Invalid chunk" */
 #define LUM_RC_EXTENT_STATS (-490)     /**< "Extent statistics mismatch" */
+#define LUM_RC_SEGMENT_COUNT (-489)    /**< "Segment count mismatch" */
+#define LUM_RC_TAG_MISMATCH (-488)     /**< "Boundary tag mismatch" */
+#define LUM_RC_BIN_RING (-487)         /**< "Free list ring broken" */
+#define LUM_RC_BIN_MEMBER (-486)       /**< "Free block outside its bin" */
 
 /* ---------------------------------------------------------------------- */
 /* Configuration                                                          */
@@ -381,18 +385,23 @@ typedef struct LumSegmentInfo {
 /** Creates a segment of @p region with the lowest free id: a primary
  *  extent of @p primary_size bytes, grown when full by secondary extents,
  *  the first of @p secondary_size bytes and each further one
- *  @p growth_percent larger, until the segment's total reaches
- *  @p maximum_size (0: no maximum). Sizes are rounded up to pages.
+ *  @p growth_percent larger than the one before, until the segment's total
+ *  reaches @p maximum_size (0: no maximum). Sizes are rounded up to pages.
+ *  A @p secondary_size of 0 gives each secondary extent the size that the
+ *  allocation which needs it asks for.
  *  @return 0 with *segment set; -406 when 128 segments exist; -405 for a
- *  primary size of 0 or a maximum below primary + secondary size (both
- *  leave *segment untouched); 12 or the region's -402/-403 (with *segment
- *  null); -19 for a null argument. */
+ *  primary size of 0, a maximum below primary + secondary size, or a size
+ *  whose pages exceed the region's hard limit (all leave *segment
+ *  untouched and change nothing); 12 or the region's -402/-403 (with
+ *  *segment null); -19 for a null argument. */
 LUMREGION_API int32_t LumSegmentCreate(LumRegion *region, uint32_t primary_size,
                                        uint32_t secondary_size, uint32_t growth_percent,
                                        uint32_t maximum_size, LumSegment **segment);
 
 /** Drops the segment with everything in it and releases @p segment.
- *  @return 0; -19 for a null handle. */
+ *  @return 0; -19 for a null handle, or one whose segment is no longer
+ *  live (dropped through another handle): nothing changes, and the host
+ *  still owns the handle, which LumSegmentClose releases. */
 LUMREGION_API int32_t LumSegmentDrop(LumSegment *segment);
 
 /** A new handle of the segment with id @p segment_id.
@@ -420,22 +429,57 @@ LUMREGION_API uint32_t LumSegmentGetUsedBytes(LumSegment *segment);
 LUMREGION_API int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer);
 
 /** Frees an allocation of @p segment, merging it with free neighbours.
- *  @return 0; -19 for a pointer that is not a multiple of 8 or a null
- *  segment; -408 for a chunk that is free already. */
+ *  Checks before it changes anything that @p pointer names a live chunk of
+ *  the segment: its boundary tags are live and agree, it lies between the
+ *  fences of one of the segment's extents, and the tags of the free
+ *  neighbours it merges with agree. A second free of a pointer is refused
+ *  as long as its memory has not been handed out again since.
+ *  @return 0; -19 for a null segment or a pointer that is not a multiple
+ *  of 8 or lies outside the image's extents; -408 for a pointer that names
+ *  no live chunk of the segment, such as one that is free already. A
+ *  refused pointer changes nothing. */
 LUMREGION_API int32_t LumMemFree(LumSegment *segment, void *pointer);
 
 /** The bytes usable at @p pointer, at least what was asked; 0 for null. */
 LUMREGION_API uint32_t LumMemGetSize(void *pointer);
 
-/** Walks the image of @p region and proves its structure: extents tile the
+/** Walks the image of @p region and proves its structure: the segment
+ *  count equals the entries of the segment map in use, extents tile the
  *  image in page multiples, every live segment stands in the segment map,
  *  its chunks have sane sizes, and its kept statistics equal the walk's
  *  sums. Reads only the image below its used size, whatever the image
  *  holds, and changes nothing. The region must not change meanwhile.
- *  @return 0, or the code of the first failing test: -497, -496, -495
- *  (segment map), -494, -493, -499, -498 (extents), -492 (a free front
- *  fence), -491 (chunks), -490 (statistics); -19 for a null handle. */
+ *  @return 0, or the code of the first failing test: -489 (segment
+ *  count), -497, -496, -495 (segment map), -494, -493, -499, -498
+ *  (extents), -492 (a free front fence), -491 (chunks), -490 (statistics);
+ *  -19 for a null handle. */
 LUMREGION_API int32_t LumRegionVerify(LumRegion *region);
+
+/** Proves everything that LumRegionVerify proves, and all else that
+ *  allocation, free and segment drop trust of an image: the foot tag of
+ *  every extent, fence and chunk equals its head tag; no two free chunks
+ *  and no two free extents lie side by side, and the image does not end in
+ *  a free extent; each secondary extent's prev link names the extent
+ *  before it; every entry of the segment map names a live primary extent,
+ *  and every live extent belongs to exactly one segment; every free chunk
+ *  and free extent lies exactly once on the ring of the bin that its size
+ *  selects, and every ring is closed in both directions; all six counters
+ *  of each segment equal a recount. After it returns 0, LumMemAlloc,
+ *  LumMemFree, LumSegmentCreate and LumSegmentDrop on the image touch only
+ *  the image. Reads only the image below its used size, whatever the image
+ *  holds, and changes nothing; the region must not change meanwhile. Its
+ *  walk takes volatile memory of about 1/64 of the used size, for one call.
+ *  @return 0; the codes of LumRegionVerify, in the same order where the
+ *  same test fails; -488 (a foot tag, or a free tag below the first
+ *  extent), -492 (a fence that is not whole), -491 (free chunks side by
+ *  side), -494 (a free extent beside a free one or at the end), -498 (a
+ *  prev link, or an extent in no chain or in two), -496 (a map entry that
+ *  names no live primary extent), -487 (a ring that leaves the free
+ *  blocks, meets one twice or does not close both ways), -486 (a free
+ *  block on the ring of another bin, or on no ring), -490 (also for the
+ *  extent counters); 12 when the walk's memory cannot be had; -19 for a
+ *  null handle. */
+LUMREGION_API int32_t LumRegionVerifyDeep(LumRegion *region);
 
 /* ---------------------------------------------------------------------- */
 /* Commit, offline and online                                             */

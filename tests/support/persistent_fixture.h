@@ -59,11 +59,12 @@ inline std::vector<uint32_t> LengthsOf(const std::vector<ParsedRecord> &records)
 class PersistentTest : public RegionTest {
   protected:
     LumRegion *CreatePersistent(const char *name = "p", uint32_t hard_limit = 4 * kMiB,
-                                uint32_t soft_limit = 4 * kMiB, uint32_t largest_record = 0) {
+                                uint32_t soft_limit = 4 * kMiB, uint32_t largest_record = 0,
+                                int32_t protect = 0) {
         LumRegion *region = nullptr;
         void *base;
         EXPECT_EQ(LumRegionCreate(name, LUM_REGION_PERSISTENT, hard_limit, soft_limit,
-                                  largest_record, 0, dir_.path().c_str(), &region, &base),
+                                  largest_record, protect, dir_.path().c_str(), &region, &base),
                   0);
         return region;
     }

@@ -1,95 +1,105 @@
-// Region verification on sound and on damaged images: each damage gives
-// its code, and the walk never reads outside the image (the asan preset
-// runs these too).
-#include <tuple>
+// Region verification of damaged images: each damage gives its code, and no
+// walk reads outside the image (the asan preset runs these too).
+#include <cstring>
+#include <functional>
 
 #include "persistent_fixture.h"
 
-class VerifyTest : public PersistentTest {
-  protected:
-    void SetUp() override {
-        region_ = CreatePersistent("verify", 16 * kMiB, 16 * kMiB, kMiB);
-        ASSERT_EQ(LumSegmentCreate(region_, 4096, 4096, 0, 0, &segment_), 0);
-        void *pointer = nullptr;
-        for (int i = 0; i < 4; ++i)
-            ASSERT_EQ(LumMemAlloc(segment_, 1500, &pointer), 0);
-        chunk_ = static_cast<uint8_t *>(pointer) - 4;
-        primary_ = segment_->primary;
-        secondary_ = region_->base + ImageLoad32(primary_ + extent_header::kNext);
-        ASSERT_NE(secondary_, region_->base);
-        ASSERT_EQ(LumRegionVerify(region_), 0);
-    }
-    void TearDown() override {
-        LumSegmentClose(segment_);
-        EXPECT_EQ(LumRegionClose(region_), 0);
-    }
+class VerifyTest : public PersistentTest {};
 
-    LumRegion *region_ = nullptr;
-    LumSegment *segment_ = nullptr;
-    uint8_t *chunk_ = nullptr; // of the last allocation
-    uint8_t *primary_ = nullptr;
-    uint8_t *secondary_ = nullptr;
-};
-
-class VerifyEmpty : public RegionTest {};
-
-TEST_F(VerifyEmpty, RegionWithoutSegmentsIsSound) {
-    EXPECT_EQ(LumRegionVerify(Create(kMiB, kMiB)), 0);
-    EXPECT_EQ(LumRegionVerify(nullptr), LUM_RC_FAILURE);
-}
-
-TEST_F(VerifyTest, FreeExtentWithAStaleKindIsSteppedOver) {
-    LumSegment *other, *last;
-    ASSERT_EQ(LumSegmentCreate(region_, 4096, 0, 0, 0, &other), 0);
-    ASSERT_EQ(LumSegmentCreate(region_, 4096, 0, 0, 0, &last), 0);
-    ASSERT_EQ(LumSegmentDrop(other), 0); // a free extent between live ones, kind still 1
-    EXPECT_EQ(LumRegionVerify(region_), 0);
-    ASSERT_EQ(LumSegmentDrop(last), 0);
-}
-
-// Each row damages one word of a sound image: the walk must give its code,
-// and the image is sound again once the word is put back. A free page at
-// the top of the image lets the rows damage the top-level tiling too.
+// Each row damages a sound image with one change, put back after the row:
+// a segment over three extents with two free chunks in one ring, and a free
+// extent of a stale kind 1. The plain and the deep walk give their codes (0:
+// only the deep one looks there); each code but -492 has a text.
 TEST_F(VerifyTest, EachDamageGivesItsCode) {
-    uint8_t *top = region_->base + region_->used;
-    ASSERT_EQ(_LumImageSetSize(region_, region_->used + Page()), 0);
-    ImageStore32(top, Page() | CHUNK_FREE);
-    ASSERT_EQ(LumRegionVerify(region_), 0);
-    uint8_t *map = region_->base + region_header::kSegmentMap, *chunk = chunk_;
-    uint8_t *id = primary_ + primary_extent::kSegmentId, *link = primary_ + extent_header::kNext;
-    uint8_t *kind = secondary_ + extent_header::kKind;
-    uint8_t *fence = secondary_ + extent_header::kSecondarySize;
-    const uint32_t next = ImageLoad32(link), used = region_->used;
-    const uint32_t tag = ImageLoad32(secondary_), chunk_tag = ImageLoad32(chunk);
-    // What is damaged, where, the word put there and the code expected.
-    const std::tuple<const char *, uint8_t *, uint32_t, int32_t> damages[] = {
-        {"segment id out of range", id, 9999, LUM_RC_SEGMENT_INDEX},
-        {"segment id of an empty slot", id, 3, LUM_RC_SEGMENT_OFFSET},
-        {"map entry at another extent", map, 8192, LUM_RC_SEGMENT_MISMATCH},
-        {"kind 0", kind, 0, LUM_RC_FREE_EXTENT},
-        {"unknown kind", kind, 7, LUM_RC_EXTENT_KIND},
-        {"secondary tagged free", secondary_, tag | CHUNK_FREE, LUM_RC_FREE_EXTENT},
-        {"secondary size off a page: the chain is walked first", secondary_, tag + 8,
-         LUM_RC_SECONDARY_SIZE},
-        {"secondary past the image", secondary_, 0xFFFFF000, LUM_RC_SECONDARY_SIZE},
-        {"front fence free", fence, 18 | CHUNK_FREE, LUM_RC_FENCE_FREE},
-        {"primary size off a page", primary_, ImageLoad32(primary_) + 8, LUM_RC_PRIMARY_SIZE},
-        {"link past the image", link, 0xFFFFF000, LUM_RC_SECONDARY_SIZE},
-        {"link off a page", link, next + 4, LUM_RC_SECONDARY_SIZE},
-        {"link to the image's end", link, used, LUM_RC_SECONDARY_SIZE},
-        {"link closing a circle", secondary_ + extent_header::kNext, next, LUM_RC_SECONDARY_SIZE},
-        {"chunk tag of 0", chunk, 0, LUM_RC_BAD_CHUNK},
-        {"chunk past the rear fence", chunk, 0xFFFFFFF0, LUM_RC_BAD_CHUNK},
-        {"chunk free in the walk, used in the statistics", chunk, chunk_tag | CHUNK_FREE,
-         LUM_RC_EXTENT_STATS},
-        {"top extent of an impossible size", top, 5, LUM_RC_PRIMARY_SIZE},
-        {"top extent past the image", top, 16 * kMiB | CHUNK_FREE, LUM_RC_PRIMARY_SIZE},
+    LumRegion *r = CreatePersistent("verify", 16 * kMiB, 16 * kMiB, kMiB);
+    LumSegment *segment, *gone, *last;
+    ASSERT_EQ(LumSegmentCreate(r, 4096, 4096, 0, 0, &segment), 0);
+    auto alloc = [&](uint32_t size) {
+        void *pointer = nullptr;
+        EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
+        LumMemLog(segment, pointer);
+        return static_cast<uint8_t *>(pointer) - 4;
     };
-    for (auto [what, at, value, code] : damages) {
-        uint32_t sound = ImageLoad32(at);
-        ImageStore32(at, value);
-        EXPECT_EQ(LumRegionVerify(region_), code) << what;
-        ImageStore32(at, sound);
-        ASSERT_EQ(LumRegionVerify(region_), 0) << "after " << what;
+    uint8_t *c = nullptr; // the last of four chunks that need two secondary extents
+    for (int i = 0; i < 4; ++i)
+        c = alloc(1500);
+    uint8_t *one = alloc(40), *live = alloc(40), *two = alloc(40);
+    alloc(40);
+    ASSERT_EQ(LumMemFree(segment, one + 4), 0);
+    ASSERT_EQ(LumMemFree(segment, two + 4), 0);
+    ASSERT_EQ(LumSegmentCreate(r, 4096, 0, 0, 0, &gone), 0);
+    ASSERT_EQ(LumSegmentCreate(r, 4096, 0, 0, 0, &last), 0);
+    uint8_t *free_extent = gone->primary, *l = last->primary;
+    ASSERT_EQ(LumSegmentDrop(gone), 0);
+    const uint32_t next = ImageLoad32(segment->primary + extent_header::kNext), used = r->used;
+    uint8_t *base = r->base, *p = segment->primary, *s = base + next; // the newest secondary
+    uint8_t *count = base + region_header::kSegmentCount, *map = base + region_header::kSegmentMap;
+    uint8_t *bins = p + primary_extent::kChunkBins;
+    uint8_t *id = p + primary_extent::kSegmentId, *stats = p + primary_extent::kStats;
+    const uint32_t page = Page(), ring = ImageLoad32(one + bin_array::kLinkDown); // its sentinel
+    auto set = [](uint8_t *at, uint32_t value) { ImageStore32(at, value); };
+    auto add = [](uint8_t *at, uint32_t value) { ImageStore32(at, ImageLoad32(at) + value); };
+    auto offset = [&](uint8_t *at) { return ImageOffsetOf(r, at); };
+    auto retag = [&](uint8_t *at, uint32_t n, uint32_t tag) { set(at, tag), set(at + n - 4, tag); };
+    auto link = [&](uint8_t *a, uint8_t *b) { set(a + 4, offset(b)), set(b + 8, offset(a)); };
+    uint8_t *forged = c + 16; // inside a live chunk
+    using namespace extent_header;
+    const std::tuple<const char *, std::function<void()>, int32_t, int32_t> rows[] = {
+        {"segment count off by one", [&] { add(count, 1); }, -489, -489},
+        {"segment id out of range", [&] { set(id, 9999); }, -497, -497},
+        {"segment id of an empty slot", [&] { set(id, 3); }, -496, -496},
+        {"map entry at another extent", [&] { set(map, 2 * page); }, -495, -495},
+        {"map entry naming no segment", [&] { set(map + 12, 2 * page), add(count, 1); }, 0, -496},
+        {"kind 0", [&] { set(s + kKind, 0); }, -494, -494},
+        {"unknown kind", [&] { set(s + kKind, 7); }, -493, -493},
+        {"secondary size off a page: the chain comes first", [&] { add(s, 8); }, -498, -498},
+        {"secondary past the image", [&] { set(s, 0xFFFFF000); }, -498, -498},
+        {"primary size off a page", [&] { add(p, 8); }, -499, -499},
+        {"free extent of no size", [&] { set(free_extent, 5); }, -499, -499},
+        {"free extent past the image", [&] { set(free_extent, 16 * kMiB | 1); }, -499, -499},
+        {"link past the image", [&] { set(p + kNext, 0xFFFFF000); }, -498, -498},
+        {"link closing a circle", [&] { set(s + kNext, next); }, -498, -498},
+        {"prev link of a secondary", [&] { add(s + kPrev, page); }, 0, -498},
+        {"front fence free", [&] { set(s + kSecondarySize, 19); }, -492, -492},
+        {"rear fence free", [&] { set(s + page - 20, 19); }, 0, -492},
+        {"front fence foot", [&] { set(s + kSecondarySize + 12, 16); }, 0, -488},
+        {"chunk tag of 0", [&] { set(c, 0); }, -491, -491},
+        {"chunk past the rear fence", [&] { set(c, 0xFFFFFFF0); }, -491, -491},
+        {"two free chunks side by side", [&] { retag(live, 48, 49); }, -490, -491},
+        {"two free extents side by side", [&] { retag(l, page, page + 1); }, 0, -494},
+        {"chunk foot tag", [&] { add(c + BlockSize(c) - 4, 8); }, 0, -488},
+        {"extent foot tag", [&] { add(s + page - 4, page); }, 0, -488},
+        {"a free gap word", [&] { set(base + FirstExtentOffset() - 4, 1); }, 0, -488},
+        {"free chunks counted once more", [&] { add(stats + 12, 1); }, -490, -490},
+        {"extents counted once more", [&] { add(stats, 1); }, 0, -490},
+        {"free chunk unlinked from its ring", [&] { _LumFreeListRemove(r, one); }, 0, -486},
+        {"free chunk in the wrong bin",
+         [&] { _LumFreeListRemove(r, one), _LumFreeListInsert(r, bins, one, 64); }, 0, -486},
+        {"ring broken one way", [&] { set(two + bin_array::kLinkDown, ring); }, 0, -487},
+        {"ring link out of the image", [&] { set(one + bin_array::kLinkUp, 0xFFFFFFF4); }, 0, -487},
+        {"a ring through a forged free chunk",
+         [&] { set(forged, 49), link(one, forged), link(forged, base + ring); }, 0, -487},
+        {"sentinel's link_down", [&] { set(base + ring + 8, offset(one)); }, 0, -487},
+        {"the last bin's link_up", [&] { set(bins + bin_array::kSize - 8, offset(one)); }, 0, -487},
+        {"live extent in no segment",
+         [&] { retag(free_extent, page, page), set(free_extent + kKind, 2); }, 0, -498},
+    };
+    const std::vector<uint8_t> sound(base, base + used);
+    ASSERT_EQ(LumRegionVerifyDeep(r), 0);
+    for (const auto &[what, damage, plain, deep] : rows) {
+        damage();
+        EXPECT_EQ(LumRegionVerify(r), plain) << what;
+        EXPECT_EQ(LumRegionVerifyDeep(r), deep) << what;
+        EXPECT_TRUE(deep == -492 || !strstr(LumRCToString(deep), "Unknown")) << deep;
+        std::copy(sound.begin(), sound.end(), base);
+        ASSERT_EQ(LumRegionVerifyDeep(r), 0) << "after " << what;
     }
+    {
+        lumtest::MallocFailure no_memory(1); // for the deep walk's record of what it found
+        EXPECT_EQ(LumRegionVerifyDeep(r), LUM_RC_NO_MEMORY);
+    }
+    LumSegmentClose(segment);
+    LumSegmentClose(last);
+    EXPECT_EQ(LumRegionClose(r), 0);
 }

@@ -1,16 +1,104 @@
 // Chunk release: LumMemFree merges a chunk with its free neighbours, puts
 // the result into the segment's bins, or gives a secondary extent back to
 // the region when the chunk now fills it. A primary extent stays.
+//
+// Before anything changes, the free proves what it is about to trust: the
+// chunk lies in the chunk area of an extent of this segment, its head tag
+// is live and equals its foot tag, and each free neighbour it merges with
+// has a head tag equal to its foot tag and lies in the same area. A second
+// free of a chunk fails one of these as long as its memory has not been
+// handed out again, as a chunk or within a new extent: a chunk that merged
+// with the free chunk above it carries CHUNK_FREE; one that merged with the
+// free chunk below has the merged chunk's foot tag, or, when it merged on
+// both sides, a neighbour whose stale tags no longer agree.
 
 #include "alloc/batch.h"
 #include "verify/verify.h"
 
 namespace {
 
-// The extent that a chunk lying directly behind its front fence belongs to:
-// that chunk lies in the extent's first page.
-uint8_t *ExtentOfFirstChunk(uint8_t *chunk) {
-    return reinterpret_cast<uint8_t *>(PageStart(reinterpret_cast<uintptr_t>(chunk)));
+using extent_header::kNext;
+
+// The stretch of an extent where chunks lie: from behind its front fence
+// up to its rear fence.
+struct ChunkArea {
+    uint8_t *extent;
+    uint8_t *begin;
+    uint8_t *end;
+};
+
+// Bytes from `from` up to `to`, which lies no lower, within one extent.
+uint32_t BytesBetween(const uint8_t *from, const uint8_t *to) {
+    return static_cast<uint32_t>(to - from);
+}
+
+ChunkArea ChunkAreaOf(uint8_t *extent, uint32_t header) {
+    return {extent, extent + header + 16, extent + BlockSize(extent) - 20};
+}
+
+// Finds the extent of `segment` whose chunk area holds the chunk at `chunk`,
+// which lies in the image: the primary extent first, then its chain, which
+// in a sound image is shorter than the image has pages and links only to
+// pages of the image.
+bool FindChunkArea(const LumSegment *segment, const uint8_t *chunk, ChunkArea *area) {
+    *area = ChunkAreaOf(segment->primary, extent_header::kPrimarySize);
+    if (chunk >= area->begin && chunk < area->end)
+        return true;
+    const LumRegion *region = segment->region;
+    uint32_t used = region->used.load(std::memory_order_relaxed);
+    RegionOffset next = ImageLoad32(segment->primary + kNext);
+    for (uint32_t left = used >> region_page_shift;
+         next != 0 && next < used && PageStart(next) == next && left != 0; --left) {
+        *area = ChunkAreaOf(region->base + next, extent_header::kSecondarySize);
+        if (chunk >= area->begin && chunk < area->end)
+            return true;
+        next = ImageLoad32(area->extent + kNext);
+    }
+    return false;
+}
+
+// What freeing one chunk changes, worked out before anything changes.
+struct Release {
+    ChunkArea area;
+    uint32_t freed; // the live chunk's size
+    uint8_t *above; // the free neighbour above, or null
+    uint8_t *below; // the free neighbour below, or null
+    uint8_t *block; // the free block that results
+    uint32_t size;  // its size
+};
+
+// Plans the release of the chunk at `chunk`, which lies in the image. False
+// when it is no live chunk of `segment` or a free neighbour's tags disagree;
+// see the head of this file. Reads only inside the chunk's extent.
+bool PlanRelease(const LumSegment *segment, uint8_t *chunk, Release *release) {
+    ChunkArea area;
+    if (!FindChunkArea(segment, chunk, &area))
+        return false;
+    uint32_t tag = ImageLoad32(chunk);
+    uint32_t size = TagSize(tag);
+    if ((tag & kTagFlags) != 0 || size < 16 || size > BytesBetween(chunk, area.end) ||
+        ImageLoad32(chunk + size - 4) != tag)
+        return false;
+    *release = {area, size, nullptr, nullptr, chunk, size};
+    uint8_t *above = chunk + size; // the rear fence at most
+    if (uint32_t above_tag = ImageLoad32(above); above_tag & CHUNK_FREE) {
+        uint32_t above_size = TagSize(above_tag);
+        if (above_size > BytesBetween(above, area.end) ||
+            ImageLoad32(above + above_size - 4) != above_tag)
+            return false;
+        release->above = above;
+        release->size += above_size;
+    }
+    if (uint32_t below_tag = ImageLoad32(chunk - 4); below_tag & CHUNK_FREE) {
+        uint32_t below_size = TagSize(below_tag);
+        if (below_size > BytesBetween(area.begin, chunk) ||
+            ImageLoad32(chunk - below_size) != below_tag)
+            return false;
+        release->below = chunk - below_size;
+        release->block = release->below;
+        release->size += below_size;
+    }
+    return true;
 }
 
 } // namespace
@@ -31,64 +119,64 @@ template void RegionChunkRelease(ChangeBatch<false> &, uint8_t *, uint8_t *, uin
 
 namespace {
 
-// Frees the used chunk at `chunk`: merges it with its free neighbours,
-// then bins the result or gives its extent back, then the counters.
-template <typename Batch> void FreeChunk(Batch &changes, LumSegment *segment, uint8_t *chunk) {
-    if constexpr (std::is_same_v<Batch, ChangeBatch<true>>) // an allocation freed unlogged
-        _LumOpenChunkEnd(changes.region(), chunk);
+// Carries out a planned release: unlinks the neighbours it merges with,
+// the one above first, then bins the merged block or gives its extent
+// back, then the counters.
+template <typename Batch>
+void FreeChunk(Batch &changes, LumSegment *segment, const Release &release) {
     uint8_t *stats_at = segment->primary + primary_extent::kStats;
     uint8_t *bins = segment->primary + primary_extent::kChunkBins;
-    uint32_t freed = BlockSize(chunk);
-    uint32_t size = freed;
     uint32_t merged = 0;
-    uint8_t *next = chunk + size;
-    if (ImageLoad32(next) & CHUNK_FREE) {
-        size += BlockSize(next);
-        FreeListRemove(changes, next);
-        merged += 1;
+    for (uint8_t *neighbour : {release.above, release.below}) {
+        if (neighbour != nullptr) {
+            FreeListRemove(changes, neighbour);
+            merged += 1;
+        }
     }
-    uint8_t *prev = chunk - BlockSize(chunk - 4);
-    if (ImageLoad32(prev) & CHUNK_FREE) {
-        size += BlockSize(prev);
-        FreeListRemove(changes, prev);
-        chunk = prev;
-        merged += 1;
-    }
-
-    uint8_t *before = chunk - BlockSize(chunk - 4);
-    bool fills_extent =
-        (ImageLoad32(before) & CHUNK_FENCE) && (ImageLoad32(chunk + size) & CHUNK_FENCE);
-    uint8_t *extent = ExtentOfFirstChunk(chunk);
-    bool gives_back =
-        fills_extent && ImageLoad32(extent + extent_header::kKind) == extent_header::kSecondary;
+    // A secondary extent that the block now fills goes back; a primary stays.
+    bool gives_back = release.area.extent != segment->primary &&
+                      release.block == release.area.begin &&
+                      release.block + release.size == release.area.end;
     if (!gives_back)
-        RegionChunkRelease(changes, bins, chunk, size);
+        RegionChunkRelease(changes, bins, release.block, release.size);
     // The counters are read only now, so that they take no registers
     // through the merges.
     SegmentStats s = StatsRead(stats_at);
-    s.used_bytes -= freed;
+    s.used_bytes -= release.freed;
     s.used_chunks -= 1;
-    s.free_bytes += freed;
+    s.free_bytes += release.freed;
     s.free_chunks += 1 - merged;
     if (gives_back) {
-        s.free_bytes -= size;
+        s.free_bytes -= release.size;
         s.free_chunks -= 1;
         auto suspended = changes.Suspend();
-        _LumSegmentShrink(segment, &s, extent);
+        _LumSegmentShrink(segment, &s, release.area.extent);
     }
     StatsWrite(changes, stats_at, s);
+}
+
+// Whether `pointer` lies in the image's extents: from the first extent up
+// to the image's used size.
+bool InExtents(const LumRegion *region, const void *pointer) {
+    uintptr_t offset =
+        reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(region->base);
+    return offset >= FirstExtentOffset() && offset < region->used.load(std::memory_order_relaxed);
 }
 
 } // namespace
 
 LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
-    if (segment == nullptr || pointer == nullptr || reinterpret_cast<uintptr_t>(pointer) % 8 != 0)
+    if (segment == nullptr || reinterpret_cast<uintptr_t>(pointer) % 8 != 0 ||
+        !InExtents(segment->region, pointer))
         return LUM_RC_FAILURE;
+    Release release;
     uint8_t *chunk = static_cast<uint8_t *>(pointer) - 4;
-    if (ImageLoad32(chunk) & CHUNK_FREE)
+    if (!PlanRelease(segment, chunk, &release))
         return LUM_RC_DOUBLE_FREE;
+    if (ProtectsPages(segment->region)) // an allocation freed before it was logged
+        _LumOpenChunkEnd(segment->region, chunk);
     if (region_mutation_check == 1)
         _LumMutationCheck(segment, pointer, 1);
-    InBatch(segment->region, [&](auto &changes) { FreeChunk(changes, segment, chunk); });
+    InBatch(segment->region, [&](auto &changes) { FreeChunk(changes, segment, release); });
     return 0;
 }

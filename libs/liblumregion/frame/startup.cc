@@ -13,6 +13,7 @@
 // same texts.
 #include <bit>
 #include <cstring>
+#include <iterator>
 
 #include "durable/durable.h"
 #include "frame/frame.h"
@@ -36,7 +37,7 @@ namespace {
 
 LumLocale *region_locale; // made by the first attempt that got this far
 
-// Catalogue set 1 holds the texts of these codes, ids 1 to 22 in this order.
+// Catalogue set 1 holds the texts of these codes, ids 1 to 26 in this order.
 // -492 has no row: it reaches hosts as a bare number.
 const LumRCEntry kResultCodes[] = {
     {-401, 1, 1, "Failed to reserve swap space for region"},
@@ -61,8 +62,12 @@ const LumRCEntry kResultCodes[] = {
     {-493, 1, 20, "Invalid extent kind"},
     {-491, 1, 21, "Invalid chunk"},
     {-490, 1, 22, "Extent statistics mismatch"},
+    {-489, 1, 23, "Segment count mismatch"},
+    {-488, 1, 24, "Boundary tag mismatch"},
+    {-487, 1, 25, "Free list ring broken"},
+    {-486, 1, 26, "Free block outside its bin"},
 };
-static_assert(sizeof kResultCodes / sizeof kResultCodes[0] == 22);
+static_assert(sizeof kResultCodes / sizeof kResultCodes[0] == 26);
 
 // Keeps the data directory with exactly one trailing separator added when
 // it has none; separators already there stay as they are.
@@ -124,7 +129,7 @@ int32_t LumRegionStartup(LumPropMgr *properties, const char *home) {
 
     if (int32_t rc = OpenCatalogue(); rc != 0)
         return rc;
-    if (int32_t rc = LumRCRegister(region_catalog, 22, kResultCodes); rc != 0)
+    if (int32_t rc = LumRCRegister(region_catalog, std::size(kResultCodes), kResultCodes); rc != 0)
         return rc;
     region_page_size = lum_platform.page_size();
     region_page_shift = static_cast<uint32_t>(std::countr_zero(region_page_size));
