@@ -52,7 +52,8 @@ ssize_t _LumPwrite(int fd, const void *buffer, uint32_t count, int64_t offset);
 // logged_write.cc ------------------------------------------------------------
 
 // The logged writes of the library's own bookkeeping: no mutation check and
-// no report. _LumMemCopy always writes; _LumMemWriteWord only a new value.
+// no report. _LumMemCopy always writes, also between overlapping ranges;
+// _LumMemWriteWord only a new value.
 void *_LumMemCopy(LumSegment *segment, void *target, const void *source, uint32_t length);
 void _LumMemWriteWord(LumSegment *segment, void *target, uint32_t value);
 
