@@ -124,7 +124,8 @@ void RegionAwaitVisit();
 
 // Writes the whole image of a persistent region to directory + name +
 // ".tab" by way of ".tabnew", forced to disk. Sets sync_failed. Returns 0,
-// errno of the failure, or -19 when errno is 0.
+// errno of the failure, -19 when errno is 0, or -412 when directory, name
+// and ".tabnew" do not fit a path.
 int32_t _LumRegionSync(LumRegion *region, const char *directory);
 // `path` without its trailing separators (the first character always
 // stays), as a new string for lum_free. 0 or the conversion's code.
