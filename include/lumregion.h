@@ -269,20 +269,25 @@ LUMREGION_API int32_t LumRegionCreate(const char *name, int32_t type, uint32_t h
                                       const char *directory, LumRegion **region, void **base);
 
 /** Ends the host's use of @p region, which may still hold segments; its
- *  segment handles must have been closed. A persistent region is first
- *  synced: its image goes to "<directory><name>.tab" as LumRegionSyncAll
- *  writes it. When that succeeds, the working files are deleted and the
- *  .tab file alone remains; when it fails (reported in the log) the working
- *  files stay. Waits for a checkpoint of the region in progress. The handle
- *  and the image are gone when the call returns, also when the sync failed.
- *  @return 0; for a persistent region the failure of the sync: an errno
- *  value, or -19 when the failing step set none; -19 for a null handle. */
+ *  segment handles must have been closed, and the host must not change the
+ *  region meanwhile nor use it afterwards: the handle and the image are
+ *  gone when the call returns, whatever the result. A persistent region is
+ *  first synced to "<directory><name>.tab" (written as ".tabnew", forced to
+ *  disk and renamed over the old one); when that sync succeeded the four
+ *  working files are deleted and the snapshot alone remains. When it failed
+ *  the failure is reported in the log and the working files stay, beside
+ *  the old ".tab" (or, after a failed rename, the complete ".tabnew" and no
+ *  ".tab"). Waits for a checkpoint of the region in progress.
+ *  @return 0 for a volatile region or a good sync; for a failed sync the
+ *  errno of the step that failed (opening, writing, fsync or closing the
+ *  new snapshot, or the rename), or -19 when that step left none; -19 for
+ *  a null handle. */
 LUMREGION_API int32_t LumRegionClose(LumRegion *region);
 
-/** Ends @p region without a snapshot and deletes its files: the .tab file
+/** Ends @p region without a snapshot and deletes its files: the ".tab" file
  *  and the working files, which stay only when the region's last sync (by
- *  LumRegionSyncAll) failed. Refused while segments remain. Waits for a
- *  checkpoint of the region in progress.
+ *  LumRegionSyncAll) failed: they may hold the only good copy. Refused
+ *  while segments remain. Waits for a checkpoint of the region in progress.
  *  @return 0 (the handle and the image are gone); -413 when segments remain
  *  (nothing changed, the host still owns the handle); -19 for a null
  *  handle. */
@@ -292,12 +297,17 @@ LUMREGION_API int32_t LumRegionDrop(LumRegion *region);
  *  @p path: "<path>/<name>.tab", written as ".tabnew", forced to disk and
  *  renamed. The regions stay open and their working files untouched.
  *  @p path may end in '/' or not and may hold environment references ($NAME
- *  or ${NAME}); a missing directory is created, one level deep. The data
- *  directory given to LumRegionStartup is refused, compared by name without
- *  regard to case. Holds the registry for the whole call, so the background
- *  thread waits meanwhile. The host must not change a region while it syncs.
- *  @return 0; -412 for the data directory; 12; a code of the path
- *  conversion or expansion; the errno of examining or creating the
+ *  or ${NAME}); a missing directory is created, one level deep. The path is
+ *  checked before anything is created: the data directory given to
+ *  LumRegionStartup is refused, compared by name without regard to case,
+ *  and so is a directory with which a region's file names would not fit a
+ *  path (263 bytes for directory, name and ".tabnew"). Holds the registry
+ *  for the whole call, so the background thread waits meanwhile. The host
+ *  must not change a region while it syncs. A region whose sync failed keeps
+ *  its working files at LumRegionClose or LumRegionDrop until a later sync
+ *  of it succeeds. The caller keeps @p path.
+ *  @return 0; -412 for the data directory or a path too long; 12; a code of
+ *  the path conversion or expansion; the errno of examining or creating the
  *  directory; else the first failure in registry order (an errno value, or
  *  -19), after every region had its attempt; -19 for a null path. */
 LUMREGION_API int32_t LumRegionSyncAll(const char *path);
@@ -487,23 +497,29 @@ LUMREGION_API int32_t LumRegionVerifyDeep(LumRegion *region);
 
 /** Makes the logged changes so far survive the death of the process: one
  *  write of the log buffer to the log file of the current generation. When
- *  a background checkpoint has finished, the commit also acknowledges it,
- *  and recovery may then start from that checkpoint.
+ *  a checkpoint has finished, the commit also acknowledges it, and recovery
+ *  may then start from that checkpoint. A volatile or offline region writes
+ *  nothing.
  *  Not a flush to stable storage: a commit survives the process, not the
  *  machine (LumRegionSyncAll and a close force their snapshots to disk).
+ *  Requires the host's one writer of the region: it must not run beside
+ *  another write or commit of it.
  *  @return 0, also when the log has failed: a failed log is reported in the
- *  log ("Logging failed") and heals at the next checkpoint; -19 for a null
- *  handle. Must not run beside another write or commit of the region. */
+ *  log ("Logging failed"), its changes stay marked for the next checkpoint,
+ *  and logging resumes once that checkpoint has moved the generation on;
+ *  -19 for a null handle. */
 LUMREGION_API int32_t LumRegionCommit(LumRegion *region);
 
-/** Stops logging for @p region: changes are still marked, and the
- *  background thread leaves the region alone. Waits for a checkpoint of the
- *  region in progress. Nothing for a null handle. */
+/** Stops logging for @p region: changes are still marked, commits write
+ *  nothing, and the background thread leaves the region alone. Waits for a
+ *  checkpoint of the region in progress. Nothing for a null handle. */
 LUMREGION_API void LumRegionOffline(LumRegion *region);
 
 /** Resumes logging: a persistent region first checkpoints what changed
- *  while it was offline, which the next commit acknowledges. Nothing for a
- *  null handle. */
+ *  while it was offline, which the next commit acknowledges. When that
+ *  checkpoint cannot run or fails, the log of the current generation is
+ *  failed instead, as a failed commit would fail it (see LumRegionCommit).
+ *  Nothing for a null handle. */
 LUMREGION_API void LumRegionOnline(LumRegion *region);
 
 /** Runs one checkpoint of @p region on the caller's thread, as the
@@ -525,7 +541,15 @@ LUMREGION_API int32_t LumRegionCheckpoint(LumRegion *region);
  * these operations. Each stores at @p target, an address inside the image,
  * behind the region's page protection, appends a redo record of the bytes
  * to the log buffer and marks their pages dirty; the next LumRegionCommit
- * makes the change durable. Targets need no alignment.
+ * makes the change durable. Targets need no alignment. They require the
+ * host's one writer of the region, and a @p segment of that region; the
+ * caller keeps every pointer it passes.
+ *
+ * A target whose bytes do not all lie within the image's used size (below
+ * its base, beyond its end, or across either) is refused whole: nothing is
+ * read or stored there, nothing is logged or marked, and the refusal is
+ * reported in the log (severity 4, set 3, id 14), naming the operation, the
+ * address and the region.
  *
  * The typed operations compare first: a value that is already there costs
  * one read and leaves no record. They do nothing for a null segment. */
@@ -545,9 +569,11 @@ LUMREGION_API void LumMemLogCpyUnsigned64(LumSegment *segment, void *target, uin
 LUMREGION_API void LumMemLogCpyReal(LumSegment *segment, void *target, double value);
 
 /** Copies @p length bytes from @p source to @p target and logs them, also
- *  when they were equal. @return @p target (at once for a length of 0,
- *  which logs nothing); null for a null segment. A length above the log
- *  buffer's room is logged as several records. */
+ *  when they were equal. The two ranges may overlap: the copy is made as by
+ *  memmove, and the record holds the bytes as they end up. A length above
+ *  the log buffer's room is logged as several records.
+ *  @return @p target (at once for a length of 0, which logs nothing); null
+ *  for a null segment or a target outside the image (nothing stored). */
 LUMREGION_API void *LumMemLogCpy(LumSegment *segment, void *target, const void *source,
                                  uint32_t length);
 
@@ -557,8 +583,11 @@ LUMREGION_API void *LumMemLogSet(LumSegment *segment, void *target, int32_t valu
 
 /** Finishes an allocation whose memory the host filled with plain stores:
  *  protects the chunk again and logs all of it, tags included, in one
- *  record. Call exactly one of LumMemLog and LumMemNoLog for each new
- *  allocation, before the commit that is to keep it. */
+ *  record (several when it is larger than the log buffer's room).
+ *  @p pointer must be a result of LumMemAlloc in @p segment; a chunk that
+ *  does not lie within the image is refused as a target outside it is.
+ *  Call exactly one of LumMemLog and LumMemNoLog for each new allocation,
+ *  before the commit that is to keep it. Nothing for a null argument. */
 LUMREGION_API void LumMemLog(LumSegment *segment, void *pointer);
 
 /** As LumMemLog, without the record: the chunk reaches disk only with its

@@ -1,12 +1,40 @@
-// The logged write path: compare-before-write, the record each operation
-// leaves, and the protection calls around the store.
+// The logged write path: the record each operation leaves, overlapping
+// copies, targets outside the image, and marks that stay in the maps.
+#include <cstdio>
 #include <cstring>
-#include <limits>
+#include <functional>
 #include <tuple>
 
 #include "persistent_fixture.h"
 
-using lumtest::VmRecorder;
+namespace {
+
+// The logged writes but LumMemLog: the bytes each stores, and whether it
+// logs a value that is already there.
+struct Write {
+    const char *name;
+    uint32_t width;
+    bool always_logs;
+    std::function<void(LumSegment *, uint8_t *)> apply;
+};
+const uint8_t kSource[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+const Write kWrites[] = {
+    {"LumMemLogCpyInt", 4, false, [](auto s, auto at) { LumMemLogCpyInt(s, at, -5); }},
+    {"LumMemLogCpyLong", 4, false, [](auto s, auto at) { LumMemLogCpyLong(s, at, 6); }},
+    {"LumMemLogCpyUnsigned", 4, false, [](auto s, auto at) { LumMemLogCpyUnsigned(s, at, 7); }},
+    {"LumMemLogCpyBoolean", 4, false, [](auto s, auto at) { LumMemLogCpyBoolean(s, at, 1); }},
+    {"LumMemLogCpyUTC", 4, false, [](auto s, auto at) { LumMemLogCpyUTC(s, at, 1700000000); }},
+    {"LumMemLogCpyfint_t", 4, false, [](auto s, auto at) { LumMemLogCpyfint_t(s, at, 9); }},
+    {"LumMemLogCpyShort", 2, false, [](auto s, auto at) { LumMemLogCpyShort(s, at, -2); }},
+    {"LumMemLogCpyUShort", 2, false, [](auto s, auto at) { LumMemLogCpyUShort(s, at, 0xFFFE); }},
+    {"LumMemLogCpyInt64", 8, false, [](auto s, auto at) { LumMemLogCpyInt64(s, at, 1ll << 32); }},
+    {"LumMemLogCpyUnsigned64", 8, false, [](auto s, auto at) { LumMemLogCpyUnsigned64(s, at, 9); }},
+    {"LumMemLogCpyReal", 8, false, [](auto s, auto at) { LumMemLogCpyReal(s, at, 1.5); }},
+    {"LumMemLogCpy", 16, true, [](auto s, auto at) { LumMemLogCpy(s, at, kSource, 16); }},
+    {"LumMemLogSet", 16, true, [](auto s, auto at) { LumMemLogSet(s, at, 0xAB, 16); }},
+};
+
+} // namespace
 
 class MutationTest : public PersistentTest {
   protected:
@@ -14,21 +42,24 @@ class MutationTest : public PersistentTest {
         region_ = CreatePersistent();
         ASSERT_EQ(_LumImageSetSize(region_, 4 * Page()), 0);
         segment_ = {region_, nullptr};
-        Commit(region_); // empties the buffer
-        for (int parity = 0; parity < 2; ++parity)
-            _LumDirtyMapFill(region_, parity, 0);
+        Commit(region_);
+        LumMemLogCpyInt(&segment_, region_->base + 3 * Page(), 1); // opens the buffer
+        ClearMarks();
         target_ = region_->base + Page() + 8;
     }
     void TearDown() override { EXPECT_EQ(LumRegionClose(region_), 0); }
-
-    // The records in the buffer behind its opening LOG_SIZE.
-    std::vector<ParsedRecord> Buffered() const {
-        return BufferRecords(region_, log_record::kHeadSize);
+    void ClearMarks() {
+        _LumDirtyMapFill(region_, 0, 0);
+        _LumDirtyMapFill(region_, 1, 0);
     }
-
-    bool PageDirty(uint32_t page) const {
-        return _LumDirtyMapTest(region_->dirty_map[0], page) &&
-               _LumDirtyMapTest(region_->dirty_map[1], page);
+    // Pages marked in either map among [first, end).
+    std::vector<uint32_t> Marked(uint32_t first = 0, uint32_t end = 4) const {
+        std::vector<uint32_t> pages;
+        for (uint32_t page = first; page < end; ++page)
+            if (_LumDirtyMapTest(region_->dirty_map[0], page) |
+                _LumDirtyMapTest(region_->dirty_map[1], page))
+                pages.push_back(page);
+        return pages;
     }
 
     LumRegion *region_ = nullptr;
@@ -36,133 +67,121 @@ class MutationTest : public PersistentTest {
     uint8_t *target_ = nullptr;
 };
 
-TEST_F(MutationTest, ChangedValuesAreStoredLoggedInTheirOwnWidthAndMarked) {
-    LumMemLogCpyInt(&segment_, target_, -5);
-    LumMemLogCpyShort(&segment_, target_ + 4, -2);
-    LumMemLogCpyUShort(&segment_, target_ + 6, 0xFFFE);
-    LumMemLogCpyUnsigned64(&segment_, target_ + 8, 0x0102030405060708ull);
-    LumMemLogCpyUnsigned(&segment_, target_ + 16, 7);
-    LumMemLogCpyLong(&segment_, target_ + 20, 8);
-    LumMemLogCpyBoolean(&segment_, target_ + 24, 1);
-    LumMemLogCpyUTC(&segment_, target_ + 28, 1700000000);
-    LumMemLogCpyfint_t(&segment_, target_ + 32, 9);
-    LumMemLogCpyInt64(&segment_, target_ + 36, 0x0000000100000000ll); // only the high half differs
-    auto records = Buffered();
-    EXPECT_EQ(LengthsOf(records), (std::vector<uint32_t>{4, 2, 2, 8, 4, 4, 4, 4, 4, 8}));
-    EXPECT_EQ(records[0].type, static_cast<uint32_t>(LOG_DATA));
-    EXPECT_EQ(records[0].value, Page() + 8);
-    EXPECT_EQ(ImageLoad32(records[0].payload.data()), static_cast<uint32_t>(-5));
-    EXPECT_EQ(region_->log_buffer->used, 12u + 16 + 16 + 16 + 20 + 5 * 16 + 20)
-        << "2 bytes take 16";
-    EXPECT_EQ(ImageLoad32(target_), static_cast<uint32_t>(-5));
-    uint64_t stored;
-    memcpy(&stored, target_ + 8, 8);
-    EXPECT_EQ(stored, 0x0102030405060708ull);
-    EXPECT_EQ(ImageLoad32(target_ + 36), 0u);
-    EXPECT_EQ(ImageLoad32(target_ + 40), 1u);
-    EXPECT_TRUE(PageDirty(1));
-    EXPECT_FALSE(PageDirty(0));
-    LumMemLogCpyUShort(&segment_, target_ + 4, 0xFFFE); // the same 16 bits as -2
-    EXPECT_EQ(Buffered().size(), 10u);
-}
-
-TEST_F(MutationTest, EveryLengthIsLoggedByteExactAndMarksEveryPageItTouches) {
-    // Lengths on both sides of every copy width, of the short copy's limit
-    // (128 bytes), and changes that end on or cross a page's last byte.
-    uint8_t source[136];
-    for (uint32_t i = 0; i < sizeof source; ++i)
-        source[i] = static_cast<uint8_t>(0xA0 + i);
+// Every length around each copy width and the short copy's limit, inside a
+// page or crossing its end, from a separate or an overlapping source.
+TEST_F(MutationTest, EveryCopyEndsAsMemmoveIsLoggedByteExactAndMarksItsPages) {
+    uint8_t separate[136];
     uint8_t *page_end = region_->base + 2 * Page();
-    LumMemLogCpyInt(&segment_, target_ + 256, 1); // opens the buffer with its LOG_SIZE
-    for (uint32_t length = 1; length <= sizeof source; ++length) {
+    for (uint32_t length = 1; length <= sizeof separate; ++length) {
         for (uint8_t *at : {target_, page_end - length, page_end - length / 2}) {
-            SCOPED_TRACE(testing::Message() << "length " << length << " at " << at - region_->base);
-            for (int parity = 0; parity < 2; ++parity)
-                _LumDirtyMapFill(region_, parity, 0);
-            memset(at - 8, 0x11, length + 16);
-            uint32_t used = region_->log_buffer->used;
-            _LumMemCopy(&segment_, at, source, length);
-            auto records = BufferRecords(region_, used);
-            ASSERT_EQ(records.size(), 1u);
-            EXPECT_EQ(records[0].value, static_cast<uint32_t>(at - region_->base));
-            EXPECT_EQ(records[0].payload, std::vector<uint8_t>(source, source + length));
-            EXPECT_EQ(at[-1], 0x11) << "bytes around the change stay";
-            EXPECT_EQ(at[length], 0x11);
-            uint32_t first = static_cast<uint32_t>(at - region_->base) / Page();
-            uint32_t last = static_cast<uint32_t>(at + length - 1 - region_->base) / Page();
-            for (uint32_t page = 0; page < 4; ++page)
-                EXPECT_EQ(PageDirty(page), page >= first && page <= last) << "page " << page;
+            for (int shift : {0, 5, -5}) {
+                SCOPED_TRACE(testing::Message()
+                             << length << " bytes at " << at - region_->base << " from " << shift);
+                for (int i = -16; i < static_cast<int>(length) + 16; ++i)
+                    separate[(i + 16) % sizeof separate] = at[i] =
+                        static_cast<uint8_t>(i * 7 + length);
+                const uint8_t *source = shift == 0 ? separate : at + shift;
+                std::vector<uint8_t> expected(at - 16, at + length + 16);
+                memmove(expected.data() + 16, source, length);
+                ClearMarks();
+                uint32_t used = region_->log_buffer->used;
+                EXPECT_EQ(LumMemLogCpy(&segment_, at, source, length), at);
+                EXPECT_EQ(std::vector<uint8_t>(at - 16, at + length + 16), expected);
+                auto records = BufferRecords(region_, used);
+                ASSERT_EQ(records.size(), 1u);
+                EXPECT_EQ(records[0].value, static_cast<uint32_t>(at - region_->base));
+                EXPECT_EQ(records[0].payload, std::vector<uint8_t>(at, at + length));
+                auto first = static_cast<uint32_t>((at - region_->base) / Page()),
+                     last = static_cast<uint32_t>((at + length - 1 - region_->base) / Page());
+                EXPECT_EQ(Marked(),
+                          (first == last ? std::vector{first} : std::vector{first, last}));
+            }
         }
     }
 }
 
-TEST_F(MutationTest, RealStoresOnlyForGreaterOrLess) {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    // The value, the current one, and whether the value is stored.
-    const std::tuple<double, double, bool> rows[] = {
-        {1.5, 2.5, true},  {1.5, 1.5, false}, {-0.0, 0.0, false}, {nan, 1.0, false},
-        {1.0, nan, false}, {nan, nan, false}, {-nan, 0.0, false}, {2.0, -nan, false}};
-    for (auto [value, current, stored] : rows) {
-        memcpy(target_, &current, 8);
-        uint32_t before = region_->log_buffer->used;
-        LumMemLogCpyReal(&segment_, target_, value);
-        EXPECT_EQ(region_->log_buffer->used != before, stored) << value << " over " << current;
-        const double &expected = stored ? value : current;
-        EXPECT_EQ(memcmp(target_, &expected, 8), 0) << value << " over " << current;
+// Inside the image a write logs its width, and a value already there only
+// for the block writes. Outside the used bytes (below the base the offset
+// must not wrap) it is refused whole, with one report.
+TEST_F(MutationTest, EachWriteLogsItsWidthInsideTheImageAndIsRefusedOutsideIt) {
+    std::vector<Write> writes(std::begin(kWrites), std::end(kWrites));
+    writes.push_back({"LumMemLog", 0, true, [](auto s, auto at) { LumMemLog(s, at + 4); }});
+    uint8_t *end = region_->base + region_->used;
+    ImageStore32(end - 20, 64); // the head tag of a chunk that runs past the used bytes
+    const std::tuple<const char *, uint8_t *, bool> targets[] = {
+        {"below the base", region_->base - 2, false},
+        {"beyond used", end + 64, false},
+        {"straddling used", end - 1, false},
+        {"a chunk running past used", end - 20, true},
+    };
+    for (const Write &write : writes) {
+        SCOPED_TRACE(write.name);
+        memset(target_, 0, 16);
+        ClearMarks();
+        uint32_t used = region_->log_buffer->used;
+        if (write.width != 0) {
+            write.apply(&segment_, target_);
+            auto records = BufferRecords(region_, used);
+            ASSERT_EQ(records.size(), 1u);
+            EXPECT_EQ(records[0].value, Page() + 8);
+            EXPECT_EQ(records[0].payload, std::vector<uint8_t>(target_, target_ + write.width));
+            EXPECT_EQ(Marked(), std::vector<uint32_t>{1});
+            used = region_->log_buffer->used;
+            write.apply(&segment_, target_);
+            EXPECT_EQ(region_->log_buffer->used - used,
+                      write.always_logs ? log_record::Size(LOG_DATA, write.width) : 0u);
+            used = region_->log_buffer->used;
+            ClearMarks();
+        }
+        for (auto [where, at, chunk_only] : targets) {
+            if (chunk_only && write.width != 0)
+                continue;
+            SCOPED_TRACE(where);
+            std::vector<uint8_t> around(end - 32, end + 96);
+            lumtest::LogCapture log;
+            write.apply(&segment_, at);
+            EXPECT_EQ(region_->log_buffer->used, used);
+            EXPECT_EQ(Marked(0, region_->dirty_map[0]->page_count), std::vector<uint32_t>{});
+            EXPECT_EQ(std::vector<uint8_t>(end - 32, end + 96), around);
+            auto records = log.Records();
+            ASSERT_EQ(records.size(), 1u);
+            EXPECT_EQ(std::tie(records[0].severity, records[0].set, records[0].id),
+                      std::make_tuple(4, 3u, 14u));
+            char named[96];
+            snprintf(named, sizeof named, "%s(): target %p for ", write.name,
+                     static_cast<void *>(at));
+            EXPECT_EQ(records[0].text.find(named), 0u) << records[0].text;
+            EXPECT_NE(records[0].text.find("region \"p\""), std::string::npos) << records[0].text;
+        }
     }
+    EXPECT_EQ(LumMemLogCpy(&segment_, end, kSource, 16), nullptr);
+    EXPECT_EQ(LumMemLogSet(&segment_, end, 1, 16), nullptr);
+    EXPECT_EQ(LumMemLogCpy(&segment_, end, kSource, 0), end) << "a length of 0 does nothing";
+    EXPECT_EQ(LumMemLogCpy(nullptr, target_, kSource, 4), nullptr);
 }
 
-TEST_F(MutationTest, BlockAndChunkLogsAlwaysLogWhileNoLogAndZeroLengthsAppendNothing) {
-    uint8_t same[16];
-    memcpy(same, target_, sizeof same);
-    EXPECT_EQ(LumMemLogCpy(&segment_, target_, same, sizeof same), target_);
-    EXPECT_EQ(LumMemLogSet(&segment_, target_ + 16, 0xAB, 3), target_ + 16);
-    EXPECT_EQ(target_[18], 0xAB);
-    // A chunk of 64 bytes: head tag at the chunk, the pointer 4 bytes on.
-    uint8_t *chunk = target_ + 64;
-    ImageStore32(chunk, 64);
-    ImageStore32(chunk + 60, 64);
-    LumMemLog(&segment_, chunk + 4);
-    auto records = Buffered();
-    EXPECT_EQ(LengthsOf(records), (std::vector<uint32_t>{16, 3, 64}));
-    EXPECT_EQ(records[2].value, static_cast<uint32_t>(chunk - region_->base)) << "from its head";
-    uint32_t used = region_->log_buffer->used;
-    LumMemNoLog(&segment_, chunk + 4);
-    EXPECT_EQ(LumMemLogCpy(&segment_, target_, same, 0), target_);
-    EXPECT_EQ(LumMemLogSet(&segment_, target_, 1, 0), target_);
-    EXPECT_EQ(region_->log_buffer->used, used);
-    EXPECT_EQ(LumMemLogCpy(nullptr, target_, same, 4), nullptr);
-}
-
-TEST_F(MutationTest, UnchangedValueTouchesNothingAndAChangeOpensAndClosesItsPage) {
-    region_protect_all = 1;
-    VmRecorder vm;
-    LumMemLogCpyInt(&segment_, target_, 0);
-    LumMemLogCpyInt64(&segment_, target_, 0);
-    LumMemLogCpyReal(&segment_, target_, 0.0);
-    _LumMemWriteWord(&segment_, target_, 0);
-    EXPECT_EQ(region_->log_buffer->used, 0u);
-    EXPECT_FALSE(PageDirty(1));
-    EXPECT_TRUE(vm.protects.empty());
-    LumMemLogCpyInt(&segment_, target_, 3);
-    region_protect_all = 0;
-    ASSERT_EQ(vm.protects.size(), 2u);
-    EXPECT_EQ(vm.protects[0].writable, 1);
-    EXPECT_EQ(vm.protects[1].writable, 0);
-    EXPECT_EQ(vm.protects[0].address, region_->base + Page());
-    EXPECT_TRUE(lumtest::FaultsInChild([&] { *target_ = 1; })) << "read-only again";
-    _LumPageUnprotect(region_, target_, 4); // for the fixture's own writes
-}
-
-class VolatileMutation : public RegionTest {};
-
-TEST_F(VolatileMutation, ProtectionCallsAreMadeAndNothingIsLogged) {
-    LumRegion *region = Create(kMiB, kMiB, /*protect=*/1);
-    LumSegment segment{region, nullptr};
-    VmRecorder vm;
-    LumMemLogCpyInt(&segment, region->base + 100, 42);
-    EXPECT_EQ(ImageLoad32(region->base + 100), 42u);
-    EXPECT_EQ(vm.protects.size(), 2u);
-    EXPECT_EQ(LumRegionCommit(region), 0);
-    Close(region);
+// A change outside the reservation, as a wild pointer brings into the
+// allocator, marks nothing: a mark beyond the maps would write past them.
+TEST_F(MutationTest, ChangesOutsideTheReservationMarkNothing) {
+    // Somewhere in twice the reservation, 32-bit offsets lie beyond it.
+    std::vector<uint8_t> outside(2 * region_->hard_limit + 2 * Page());
+    uint8_t *wild = nullptr;
+    for (uint8_t *at = outside.data() + 64; !wild; at += Page()) {
+        auto offset = static_cast<uint32_t>(at - region_->base);
+        if (offset >= region_->hard_limit && offset < UINT32_MAX - 4 * Page())
+            wild = at;
+    }
+    // A used chunk of 16 bytes between used neighbours, its pointer 8-aligned.
+    uint8_t *chunk = wild + (12 - reinterpret_cast<uintptr_t>(wild) % 8);
+    for (uint32_t at : {0u, 12u, 16u, 28u, 32u})
+        ImageStore32(chunk - 16 + at, 16);
+    LumSegment *segment = nullptr;
+    ASSERT_EQ(LumSegmentCreate(region_, Page(), Page(), 0, 0, &segment), 0);
+    ClearMarks();
+    _LumImageMarkDirty(region_, chunk + 64, 4);    // in line
+    _LumImageMarkDirty(region_, chunk + 64, 3000); // out of line
+    LumMemFree(segment, chunk + 4);                // the allocator's batch
+    EXPECT_EQ(Marked(region_->used / Page(), region_->dirty_map[0]->page_count),
+              std::vector<uint32_t>{});
+    LumSegmentClose(segment);
 }

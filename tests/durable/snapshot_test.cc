@@ -1,172 +1,130 @@
-// Snapshots: every failure of a sync and what it leaves on disk, and
-// LumRegionSyncAll's checks of its target directory.
-#include <algorithm>
-#include <cctype>
+// Snapshots: what a close leaves when each step of its sync fails, what a
+// drop leaves, and LumRegionSyncAll's checks of its target directory.
 #include <cstring>
 #include <filesystem>
 
 #include "persistent_fixture.h"
 
-using lumtest::FileFaults;
-using lumtest::LogCapture;
+namespace {
 
-// A snapshot's bytes with the header's timestamp cleared: two snapshots of
-// one image differ there when a second boundary passes between them.
-static std::vector<uint8_t> Unstamped(std::vector<uint8_t> bytes) {
-    memset(&bytes[file_header::kTimestamp], 0, 4);
-    return bytes;
+using Names = std::vector<std::string>;
+const Names kWorkingFiles = {"p_0.chk", "p_1.chk", "p_0.log", "p_1.log"};
+
+Names Existing(const std::string &dir, const std::string &name = "p") {
+    Names found;
+    for (const char *suffix : {"_0.chk", "_1.chk", "_0.log", "_1.log", ".tab", ".tabnew"})
+        if (lumtest::FileExists(dir + name + suffix))
+            found.push_back(name + suffix);
+    return found;
 }
 
-// Every test starts from a region with a snapshot: the image behind a
-// header, forced to disk. A sync leaves the generation alone.
-class SyncTest : public PersistentTest {
-  protected:
-    void SetUp() override {
-        region_ = CreatePersistent();
-        ASSERT_EQ(_LumImageSetSize(region_, 2 * Page()), 0);
-        Change(region_, Page(), 64, 0x77);
-        FileFaults faults;
-        ASSERT_EQ(_LumRegionSync(region_, dir_.path().c_str()), 0);
-        EXPECT_EQ(faults.fsyncs, 1);
-        old_tab_ = Read("p.tab");
-        ASSERT_EQ(old_tab_.size(), region_->used);
-        EXPECT_EQ(ImageLoad32(&old_tab_[file_header::kGeneration]), 1u);
-        EXPECT_EQ(memcmp(&old_tab_[32], region_->base + 32, region_->used - 32), 0);
-        EXPECT_EQ(region_->sync_failed, 0);
-        EXPECT_EQ(region_->generation.load(), 0u);
-    }
-    void TearDown() override {
-        if (region_) {
-            EXPECT_EQ(LumRegionDrop(region_), 0);
-        }
-    }
+int FailingFsync(int) {
+    return errno = EIO, -1;
+}
+int FailingClose(int fd) {
+    lum_platform_system.close(fd); // closed all the same
+    return errno = EIO, -1;
+}
 
-    LumRegion *region_ = nullptr;
-    std::vector<uint8_t> old_tab_;
-};
+} // namespace
 
-// Each failing step of a sync gives its result and its report (an id in set
-// 2, or none) and leaves the working files. The old snapshot survives all
-// but a failed rename, which leaves the complete new file instead. The next
-// sync starts again.
-TEST_F(SyncTest, FailedStepKeepsASnapshotAndTheNextSyncStartsAgain) {
-    struct Row {
+// When a step of a close's sync fails, fsync and close included, the close
+// reports it, returns its code and keeps the working files and the old
+// snapshot, or after a failed rename the new one.
+TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
+    const struct {
         const char *what, *open_suffix;
         int write_at;
         bool short_write, rename;
+        int (*fsync)(int), (*close)(int);
         int32_t rc;
         uint32_t report;
+    } rows[] = {
+        {"none", "", 0, false, false, nullptr, nullptr, 0, 0},
+        {"open", ".tabnew", 0, false, false, nullptr, nullptr, EACCES, 21},
+        {"header", "", 1, false, false, nullptr, nullptr, ENOSPC, 22},
+        {"body", "", 2, false, false, nullptr, nullptr, ENOSPC, 23},
+        {"short body without errno", "", 2, true, false, nullptr, nullptr, LUM_RC_FAILURE, 23},
+        {"fsync", "", 0, false, false, FailingFsync, nullptr, EIO, 23},
+        {"close", "", 0, false, false, nullptr, FailingClose, EIO, 23},
+        {"rename", "", 0, false, true, nullptr, nullptr, EXDEV, 0},
     };
-    const Row rows[] = {
-        {"open", ".tabnew", 0, false, false, EACCES, 21},
-        {"header", "", 1, false, false, ENOSPC, 22},
-        {"body", "", 2, false, false, ENOSPC, 23},
-        {"short body without errno", "", 2, true, false, LUM_RC_FAILURE, 23},
-        {"rename", "", 0, false, true, EXDEV, 0},
-    };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
-        {
-            FileFaults faults;
-            faults.fail_open_suffix = row.open_suffix;
-            faults.fail_write_at = row.write_at;
-            faults.short_write = row.short_write;
-            faults.fail_rename = row.rename;
-            LogCapture log;
-            errno = 0;
-            EXPECT_EQ(_LumRegionSync(region_, dir_.path().c_str()), row.rc);
-            EXPECT_EQ(region_->sync_failed, 1);
-            EXPECT_EQ(log.Records().size(), row.report ? 1u : 0u);
-            EXPECT_EQ(log.Find(2, row.report).size(), row.report ? 1u : 0u);
-        }
-        EXPECT_EQ(Exists("p.tab"), !row.rename);
-        EXPECT_EQ(Exists("p.tabnew"), row.rename);
-        EXPECT_EQ(Unstamped(Read(row.rename ? "p.tabnew" : "p.tab")), Unstamped(old_tab_));
-        for (const char *file : {"p_0.chk", "p_1.chk", "p_0.log", "p_1.log"})
-            EXPECT_TRUE(Exists(file)) << file;
-        ASSERT_EQ(_LumRegionSync(region_, dir_.path().c_str()), 0);
-        EXPECT_FALSE(Exists("p.tabnew"));
-        EXPECT_EQ(region_->sync_failed, 0);
-        EXPECT_EQ(Unstamped(Read("p.tab")), Unstamped(old_tab_));
+        LumRegion *region = CreatePersistent();
+        ASSERT_EQ(_LumImageSetSize(region, 2 * Page()), 0);
+        ASSERT_EQ(_LumRegionSync(region, dir_.path().c_str()), 0);
+        auto old_tab = Read("p.tab");
+        Change(region, Page(), 64, 0x77);
+        std::vector<uint8_t> image(region->base, region->base + region->used);
+        lumtest::FileFaults faults;
+        faults.fail_open_suffix = row.open_suffix;
+        faults.fail_write_at = row.write_at;
+        faults.short_write = row.short_write;
+        faults.fail_rename = row.rename;
+        lum_platform.fsync = row.fsync ? row.fsync : lum_platform.fsync;
+        lum_platform.close = row.close ? row.close : lum_platform.close;
+        lumtest::LogCapture log;
+        errno = 0;
+        EXPECT_EQ(LumRegionClose(region), row.rc);
+        EXPECT_EQ(log.Records().size(), row.report ? 1u : 0u);
+        EXPECT_EQ(log.Find(2, row.report).size(), row.report ? 1u : 0u);
+        Names left = row.rc == 0 ? Names{} : kWorkingFiles;
+        left.push_back(row.rename ? "p.tabnew" : "p.tab");
+        EXPECT_EQ(Existing(dir_.path()), left);
+        auto tab = Read(left.back());
+        ASSERT_EQ(tab.size(), 2 * Page());
+        EXPECT_EQ(ImageLoad32(&tab[file_header::kGeneration]), 1u);
+        bool written = row.rc == 0 || row.rename;
+        EXPECT_EQ(memcmp(&tab[32], written ? &image[32] : &old_tab[32], 2 * Page() - 32), 0);
     }
 }
 
-TEST_F(SyncTest, DropAfterAFailedSyncKeepsTheWorkingFilesOnly) {
-    {
-        FileFaults faults;
-        faults.fail_open_suffix = ".tabnew";
-        EXPECT_NE(_LumRegionSync(region_, dir_.path().c_str()), 0);
-    }
-    EXPECT_EQ(LumRegionDrop(region_), 0);
-    region_ = nullptr;
-    EXPECT_FALSE(Exists("p.tab"));
-    for (const char *file : {"p_0.chk", "p_1.chk", "p_0.log", "p_1.log"})
-        EXPECT_TRUE(Exists(file)) << file;
-}
+class SyncAllTest : public PersistentTest {
+  protected:
+    void SetUp() override { region_ = CreatePersistent(); }
+    void TearDown() override { EXPECT_EQ(LumRegionDrop(region_), 0); }
+    LumRegion *region_ = nullptr;
+};
 
-TEST_F(SyncTest, SyncAllRefusesTheDataDirectoryByName) {
-    std::string home = region_home, no_separator = home.substr(0, home.size() - 1);
-    for (const std::string &path : {home, home + "///", no_separator})
-        EXPECT_EQ(LumRegionSyncAll(path.c_str()), LUM_RC_BAD_PATH) << path;
-    // Another spelling of the same name, where the file system has one.
-    std::string upper = no_separator;
-    std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-    std::string parent = upper.substr(0, upper.rfind('/'));
-    if (std::filesystem::exists(parent)) {
-        std::filesystem::create_directory(upper);
-        EXPECT_EQ(LumRegionSyncAll(upper.c_str()), LUM_RC_BAD_PATH);
-        std::filesystem::remove(upper);
-    }
-}
-
-TEST_F(SyncTest, SyncAllExpandsTheEnvironmentAndCreatesOneMissingLevel) {
-    setenv("LUM_SYNC_TEST_DIR", dir_.path().c_str(), 1);
-    ASSERT_EQ(LumRegionSyncAll("${LUM_SYNC_TEST_DIR}snapshots"), 0);
-    unsetenv("LUM_SYNC_TEST_DIR");
-    EXPECT_EQ(Read("snapshots/p.tab").size(), region_->used);
-    EXPECT_EQ(Read("p.tab"), old_tab_) << "the region's own snapshot is not touched";
-    EXPECT_EQ(LumRegionSyncAll((dir_.path() + "missing/twice").c_str()), ENOENT);
-}
-
-TEST_F(SyncTest, SyncAllReturnsTheFirstFailureAndSyncsTheOthers) {
+// Every region is synced into the expanded path, made one level deep; the
+// first failure is the result, and a drop keeps that region's working files.
+TEST_F(SyncAllTest, SyncsEveryRegionIntoTheExpandedPathAndReturnsTheFirstFailure) {
     LumRegion *second = CreatePersistent("q");
     LumRegion *third = CreatePersistent("r");
-    std::string target = dir_.path() + "all/";
+    setenv("LUM_SYNC_TEST_DIR", dir_.path().c_str(), 1);
     {
-        FileFaults faults;
+        lumtest::FileFaults faults;
         faults.fail_open_suffix = "q.tabnew";
-        EXPECT_EQ(LumRegionSyncAll(target.c_str()), EACCES);
+        EXPECT_EQ(LumRegionSyncAll("${LUM_SYNC_TEST_DIR}all"), EACCES);
     }
-    EXPECT_TRUE(lumtest::FileExists(target + "p.tab"));
-    EXPECT_FALSE(lumtest::FileExists(target + "q.tab"));
-    EXPECT_TRUE(lumtest::FileExists(target + "r.tab"));
-    EXPECT_EQ(second->sync_failed, 1);
-    EXPECT_EQ(third->sync_failed, 0);
+    unsetenv("LUM_SYNC_TEST_DIR");
+    EXPECT_EQ(Read("all/p.tab").size(), region_->used);
+    EXPECT_EQ(std::make_pair(Exists("all/q.tab"), Exists("all/r.tab")),
+              std::make_pair(false, true));
+    EXPECT_EQ(std::make_pair(second->sync_failed, third->sync_failed), std::make_pair(1, 0));
+    EXPECT_FALSE(Exists("p.tab")) << "the region's own snapshot is not touched";
+    EXPECT_EQ(LumRegionSyncAll((dir_.path() + "missing/twice").c_str()), ENOENT);
+    EXPECT_EQ(LumRegionSyncAll((std::string(region_home) + "//").c_str()), LUM_RC_BAD_PATH);
+    EXPECT_EQ(_LumPathCheckHome("/Data/Home/", "/data/home"), LUM_RC_BAD_PATH);
     EXPECT_EQ(LumRegionDrop(second), 0);
     EXPECT_EQ(LumRegionDrop(third), 0);
+    EXPECT_EQ(Existing(dir_.path(), "q"), (Names{"q_0.chk", "q_1.chk", "q_0.log", "q_1.log"}))
+        << "a drop after a failed sync keeps the working files";
+    EXPECT_EQ(Existing(dir_.path(), "r"), Names{});
 }
 
-TEST_F(SyncTest, SyncAllWithABadPathTouchesNoRegion) {
+// A bad target, one too long for a region's file names too, fails before
+// anything is made or opened.
+TEST_F(SyncAllTest, BadPathCreatesNothingAndTouchesNoRegion) {
+    std::string too_long = dir_.path() + std::string(kPathBufferSize - dir_.path().size() - 9, 'd');
+    lumtest::FileFaults faults;
+    EXPECT_EQ(LumRegionSyncAll(too_long.c_str()), LUM_RC_BAD_PATH);
+    EXPECT_FALSE(std::filesystem::exists(too_long));
     EXPECT_EQ(LumRegionSyncAll(""), ENOENT) << "an empty path fails as a missing one does";
     EXPECT_EQ(LumRegionSyncAll("\xff\xfe"), EILSEQ);
     EXPECT_EQ(LumRegionSyncAll(nullptr), LUM_RC_FAILURE);
-    EXPECT_EQ(region_->sync_failed, 0);
-}
-
-TEST(PathStrip, RemovesTrailingSeparatorsButNeverTheFirstCharacter) {
-    const std::pair<const char *, const char *> cases[] = {
-        {"/data///", "/data"}, {"/data", "/data"}, {"/", "/"}, {"//", "/"}, {"", ""}};
-    for (auto [path, expected] : cases) {
-        char *stripped = nullptr;
-        ASSERT_EQ(_LumPathStrip(path, &stripped), 0) << path;
-        EXPECT_STREQ(stripped, expected) << path;
-        lum_free(stripped);
-    }
-}
-
-TEST(PathCheckHome, RefusesTheHomeNameInAnyCase) {
-    EXPECT_EQ(_LumPathCheckHome("/Data/Home/", "/data/home"), LUM_RC_BAD_PATH);
-    EXPECT_EQ(_LumPathCheckHome("/data/home//", "/data/home"), LUM_RC_BAD_PATH);
-    EXPECT_EQ(_LumPathCheckHome("/data/home/", "/data/home/other"), 0);
-    EXPECT_EQ(_LumPathCheckHome("/data/home/", "/data/./home"), 0) << "names, not directories";
+    EXPECT_EQ(std::make_pair(faults.opens, region_->sync_failed), std::make_pair(0, 0));
+    EXPECT_EQ(_LumRegionSync(region_, (too_long + "/").c_str()), LUM_RC_BAD_PATH);
+    EXPECT_EQ(std::make_pair(faults.opens, region_->sync_failed), std::make_pair(0, 1));
 }

@@ -10,9 +10,9 @@
 // words in registers.
 //
 // A batch appends the records that _LumImageMarkDirty would append, in the
-// same order, and marks each record's page behind it. Its appends become
-// part of the buffer when it closes, so it must be closed around any call
-// that logs by itself.
+// same order, through the same RecordChange, which marks each record's
+// pages behind it. Its appends become part of the buffer when it closes, so
+// it must be closed around any call that logs by itself.
 #pragma once
 
 #include <cassert>
@@ -63,17 +63,14 @@ template <bool kProtects> class ChangeBatch {
     // _LumImageMarkDirty of [address, address + length), changed already.
     void Mark(void *address, uint32_t length) {
         auto *at = static_cast<uint8_t *>(address);
-        uint32_t offset = OffsetOf(at);
-        uint32_t page = offset >> page_shift_;
-        bool one_page = ((offset + length - 1) >> page_shift_) == page;
-        if (cursor_ == nullptr || length - 1 >= kLargestPayload || !one_page) {
-            MarkAlone(address, length);
+        if (cursor_ == nullptr || length - 1 >= kLargestPayload) {
+            MarkAlone(at, length);
             return;
         }
-        log_record::StoreHead(cursor_, LOG_DATA, offset, length);
-        CopyWords(cursor_ + log_record::kHeadSize, at, length);
-        cursor_ += log_record::Size(LOG_DATA, length);
-        DirtyMapsMark(even_words_, odd_words_, page, true);
+        // A batch is open only with the write barrier: a set bit is trusted.
+        cursor_ = RecordChange<CopyWords>(cursor_, at, OffsetOf(at), length, [this] {
+            return DirtyMaps{even_words_, odd_words_, page_count_, page_shift_, true};
+        });
     }
 
     // Closes the batch for the life of the returned guard, around a call
@@ -109,12 +106,14 @@ template <bool kProtects> class ChangeBatch {
     // batch would save little); every other record goes through MarkAlone.
     void Open() {
         base_ = region_->base;
-        page_shift_ = region_page_shift;
         if (IsPersistent(region_) && region_write_barrier != 0 && LogBufferTakes(region_, kRoom)) {
             LogBuffer *buffer = region_->log_buffer;
             cursor_ = buffer->data + buffer->used;
-            even_words_ = region_->dirty_map[0]->Words();
-            odd_words_ = region_->dirty_map[1]->Words();
+            DirtyMaps maps = DirtyMapsOf(region_);
+            even_words_ = maps.even_words;
+            odd_words_ = maps.odd_words;
+            page_count_ = maps.page_count;
+            page_shift_ = maps.page_shift;
         }
     }
 
@@ -132,19 +131,22 @@ template <bool kProtects> class ChangeBatch {
     // A record that the batch does not append: a volatile region does not
     // log; otherwise the batch closes, the record goes its ordinary way and
     // the batch opens again behind it.
-    void MarkAlone(void *address, uint32_t length) {
+    void MarkAlone(uint8_t *at, uint32_t length) {
         if (!IsPersistent(region_))
             return;
         Close();
-        _LumImageMarkDirtyOutOfLine(region_, OffsetOf(static_cast<uint8_t *>(address)), length);
+        _LumImageMarkDirtyOutOfLine(region_, at, OffsetOf(at), length);
         Open();
     }
 
     LumRegion *region_;
     uint8_t *base_ = nullptr;
     uint8_t *cursor_ = nullptr; // the next record; null while nothing is appended in place
+    // The dirty maps, read when the batch opens, in the batch's own words
+    // so that they may stay in registers.
     uint32_t *even_words_ = nullptr;
     uint32_t *odd_words_ = nullptr;
+    uint32_t page_count_ = 0;
     uint32_t page_shift_ = 0;
 };
 

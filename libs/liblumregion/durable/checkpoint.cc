@@ -97,7 +97,7 @@ ssize_t WritePage(LumRegion *region, int fd, uint32_t page) {
 }
 
 // The marks of one window of pages [first, end), taken from a map at once,
-// so that one write barrier serves them all (pagetable.cc says why it is
+// so that one write barrier serves them all (dirty_map.cc says why it is
 // needed). 64 words: 8 MiB of 4 KiB pages.
 struct Window {
     static constexpr uint32_t kWords = 64;

@@ -1,6 +1,7 @@
 // Dirty page tracking: two maps of the pages that may differ from the chk
-// file of each parity. _LumImageMarkDirty (inline, in durable.h) is the one
-// place where a change of the image is announced; it marks through here.
+// file of each parity. The writer marks through DirtyMapsMarkRange
+// (write_path.h), which every change of the image passes; the checkpoint
+// takes marks through here.
 //
 // Every change sets its pages in both maps; a checkpoint clears bits only in
 // the map of the file it writes, and clears them before it reads the pages.
@@ -33,17 +34,6 @@ std::atomic_ref<uint32_t> WordOf(DirtyMap *map, uint32_t page) {
 
 uint32_t BitOf(uint32_t page) {
     return 1u << (page % kPagesPerMapWord);
-}
-
-// Marks the pages of image bytes [offset, offset + length) in both maps,
-// clamped to the reservation. length > 0.
-void MarkRange(LumRegion *region, uint32_t offset, uint32_t length) {
-    uint64_t first = offset >> region_page_shift;
-    uint64_t last = (static_cast<uint64_t>(offset) + length - 1) >> region_page_shift;
-    // The maps cover the reservation; a range beyond it has no pages to mark.
-    last = std::min<uint64_t>(last, static_cast<uint64_t>(region->dirty_map[0]->page_count) - 1);
-    for (uint64_t page = first; page <= last; ++page)
-        DirtyMapsMark(region, static_cast<uint32_t>(page));
 }
 
 } // namespace
@@ -84,10 +74,9 @@ uint32_t _LumDirtyMapTake(DirtyMap *map, uint32_t word, uint32_t bits) {
     return marks.fetch_and(~bits, std::memory_order_acq_rel) & bits;
 }
 
-void _LumImageMarkDirtyOutOfLine(LumRegion *region, uint32_t offset, uint32_t length) {
-    if (LogBufferTakes(region, length))
-        memcpy(LogBufferPlaceData(region, offset, length), region->base + offset, length);
-    else
-        _LumLogBufferAppend(region, LOG_DATA, offset, length);
-    MarkRange(region, offset, length);
+void DirtyMapsMarkPages(uint32_t *even_words, uint32_t *odd_words, bool trust_set_bits,
+                        uint32_t first, uint32_t end, uint32_t page_count) {
+    DirtyMaps maps{even_words, odd_words, page_count, 0, trust_set_bits};
+    for (uint32_t page = first; page < std::min(end, page_count); ++page)
+        DirtyMapsMark(maps, page);
 }

@@ -26,7 +26,7 @@ inline constexpr uint32_t kPagesPerMapWord = 32;
 // the chk file of the map's parity. Allocated as one block: page_count,
 // then the bit words (page i is bit i % 32 of word i / 32), rounded up to
 // whole words. The writer sets bits while the checkpoint thread clears
-// them, so every bit is read and changed atomically (see pagetable.cc).
+// them, so every bit is read and changed atomically (see dirty_map.cc).
 struct DirtyMap {
     int32_t page_count;
     uint32_t *Words() { return reinterpret_cast<uint32_t *>(this + 1); }
@@ -52,7 +52,8 @@ ssize_t _LumPwrite(int fd, const void *buffer, uint32_t count, int64_t offset);
 // logged_write.cc ------------------------------------------------------------
 
 // The logged writes of the library's own bookkeeping: no mutation check and
-// no report. _LumMemCopy always writes; _LumMemWriteWord only a new value.
+// no report. _LumMemCopy always writes, also between overlapping ranges;
+// _LumMemWriteWord only a new value.
 void *_LumMemCopy(LumSegment *segment, void *target, const void *source, uint32_t length);
 void _LumMemWriteWord(LumSegment *segment, void *target, uint32_t value);
 
@@ -63,11 +64,23 @@ void _LumMemWriteWord(LumSegment *segment, void *target, uint32_t value);
 LogBuffer *_LumLogBufferCreate(uint32_t size);
 void _LumLogBufferDestroy(LogBuffer *buffer);
 
-// Appends a record to the region's log buffer; for LOG_DATA the payload is
-// copied from the image at base + value, as it stands now. Does nothing for
-// a volatile or offline region. Failure is a state: see log_failed.
+// Appends a record without payload (LOG_SIZE, LOG_CHECKPOINT, LOG_COMMIT)
+// to the region's log buffer, flushing first when it is full. Does nothing
+// for a volatile or offline region, or a failed log of this generation:
+// failure is a state, see log_failed.
+// REQUIRES: type is not LOG_DATA and length is 0. A data record comes with
+// the marks of its pages, through _LumImageMarkDirty.
 LUM_SLOW_PATH void _LumLogBufferAppend(LumRegion *region, uint32_t type, uint32_t value,
                                        uint32_t length);
+
+// _LumImageMarkDirty of image bytes [offset, offset + length), which stand
+// at `bytes`, for any length and any state of the buffer: the buffer is
+// opened or flushed as needed, a change longer than a record may be is
+// recorded in consecutive records, and when the region logs nothing now
+// (offline, or its log failed) the pages are marked all the same.
+// REQUIRES: a persistent region; length > 0.
+__attribute__((noinline)) void _LumImageMarkDirtyOutOfLine(LumRegion *region, const uint8_t *bytes,
+                                                           uint32_t offset, uint32_t length);
 
 // Writes the buffer to the log of the current generation's parity,
 // restarting that log first when the generation has moved since the last
@@ -87,12 +100,6 @@ void _LumDirtyMapSet(DirtyMap *map, uint32_t page);
 // Clears the bits of `bits` in word `word` (pages 32 word to 32 word + 31)
 // and returns those of them that were set: the checkpoint's take.
 uint32_t _LumDirtyMapTake(DirtyMap *map, uint32_t word, uint32_t bits);
-
-// _LumImageMarkDirty of image bytes [offset, offset + length) for any
-// length and any state of the buffer: the record in place or through
-// _LumLogBufferAppend, then the bits of every page.
-__attribute__((noinline)) void _LumImageMarkDirtyOutOfLine(LumRegion *region, uint32_t offset,
-                                                           uint32_t length);
 
 // checkpoint.cc -------------------------------------------------------------
 
@@ -117,7 +124,8 @@ void RegionAwaitVisit();
 
 // Writes the whole image of a persistent region to directory + name +
 // ".tab" by way of ".tabnew", forced to disk. Sets sync_failed. Returns 0,
-// errno of the failure, or -19 when errno is 0.
+// errno of the failure, -19 when errno is 0, or -412 when directory, name
+// and ".tabnew" do not fit a path.
 int32_t _LumRegionSync(LumRegion *region, const char *directory);
 // `path` without its trailing separators (the first character always
 // stays), as a new string for lum_free. 0 or the conversion's code.

@@ -1,4 +1,5 @@
-// The log buffer: redo records collected between flushes, and the flush
+// The log buffer: redo records collected between flushes, the way of every
+// record into it that the writer's inline path does not take, and the flush
 // that writes them to the log of the current generation.
 //
 // States of a region's log:
@@ -13,7 +14,7 @@
 //   1. Every log file starts with a LOG_SIZE: an append that finds the
 //      buffer empty opens it with one, also after a flush of its own.
 //   2. No record longer than fits an empty buffer behind that LOG_SIZE, or
-//      longer than kMaxPayload, is stored: a longer LOG_DATA is split into
+//      longer than kMaxPayload, is stored: a longer change is recorded in
 //      consecutive records that replay the same bytes.
 //   3. flushed_generation names the generation whose log the files hold; a
 //      flush that finds generation different restarts ("zaps") the log of
@@ -21,11 +22,12 @@
 // Only the host's writer appends and flushes; the checkpoint thread moves
 // `generation`, which a flush reads once.
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
 
-#include "durable/durable.h"
+#include "durable/write_path.h"
 #include "platform/platform.h"
 
 namespace {
@@ -80,30 +82,49 @@ int ZapLog(LumRegion *region, uint32_t generation, int parity) {
     return 0;
 }
 
-// Stores one record that fits an empty buffer: steps 2 to 8 of an append.
-void AppendRecord(LumRegion *region, uint32_t type, uint32_t value, uint32_t length) {
+// Readies the buffer of a logging region for a record of `type` and `size`
+// bytes. False when the record is dropped because the log of this
+// generation has failed; a failed log of an earlier generation is forgotten
+// here, so that the new generation starts afresh. An empty buffer is opened
+// with a LOG_SIZE first, also after a flush that this makes for want of
+// room.
+LUM_SLOW_PATH bool Ready(LumRegion *region, uint32_t type, uint32_t size) {
     LogBuffer *buffer = region->log_buffer;
     if (region->log_failed.load(std::memory_order_relaxed) != 0) {
         if (region->flushed_generation.load(std::memory_order_relaxed) ==
             region->generation.load(std::memory_order_relaxed))
-            return; // this generation's log has failed: the record is dropped
+            return false;
         region->log_failed.store(0, std::memory_order_relaxed);
         buffer->used = 0;
     }
     if (buffer->used == 0 && type != LOG_SIZE)
         OpenWithSize(region);
-    uint32_t size = log_record::Size(type, length);
     if (buffer->capacity - buffer->used < size) {
         _LumLogBufferFlush(region);
         if (region->log_failed.load(std::memory_order_relaxed) != 0)
-            return;
+            return false;
         if (type != LOG_SIZE)
             OpenWithSize(region);
     }
-    log_record::StoreHead(buffer->data + buffer->used, type, value, length);
-    if (type == LOG_DATA)
-        memcpy(buffer->data + buffer->used + log_record::kHeadSize, region->base + value, length);
+    return true;
+}
+
+// Claims `size` bytes at the end of the buffer for a record of `type`, to
+// be filled by the caller at once, and returns where they lie; null when
+// the record is dropped: the region logs nothing now (volatile, offline),
+// or its log has failed.
+// REQUIRES: size fits an empty buffer behind its LOG_SIZE.
+inline uint8_t *Claim(LumRegion *region, uint32_t type, uint32_t size) {
+    if (!IsLogging(region))
+        return nullptr;
+    LogBuffer *buffer = region->log_buffer;
+    bool open_with_room = buffer->used != 0 && buffer->capacity - buffer->used >= size &&
+                          region->log_failed.load(std::memory_order_relaxed) == 0;
+    if (!open_with_room && !Ready(region, type, size))
+        return nullptr;
+    uint8_t *at = buffer->data + buffer->used;
     buffer->used += size;
+    return at;
 }
 
 } // namespace
@@ -131,17 +152,26 @@ void _LumLogBufferDestroy(LogBuffer *buffer) {
 }
 
 void _LumLogBufferAppend(LumRegion *region, uint32_t type, uint32_t value, uint32_t length) {
-    if (!IsLogging(region))
-        return;
-    if (type != LOG_DATA) {
-        AppendRecord(region, type, value, 0);
-        return;
-    }
-    uint32_t max_payload = MaxPayload(region->log_buffer);
+    assert(type != LOG_DATA && length == 0);
+    if (uint8_t *at = Claim(region, type, log_record::Size(type, length)))
+        log_record::StoreHead(at, type, value, 0);
+}
+
+void _LumImageMarkDirtyOutOfLine(LumRegion *region, const uint8_t *bytes, uint32_t offset,
+                                 uint32_t length) {
+    auto maps = [region] { return DirtyMapsOf(region); };
     while (length > 0) {
-        uint32_t piece = std::min(length, max_payload);
-        AppendRecord(region, LOG_DATA, value, piece);
-        value += piece;
+        uint32_t piece = std::min(length, MaxPayload(region->log_buffer));
+        uint8_t *cursor = Claim(region, LOG_DATA, log_record::Size(LOG_DATA, piece));
+        if (cursor == nullptr) {
+            // Nothing is logged now, but the pages are marked all the same:
+            // the next checkpoint saves what the log does not hold.
+            DirtyMapsMarkRange(maps(), offset, length);
+            return;
+        }
+        RecordChange<CopyPayload>(cursor, bytes, offset, piece, maps);
+        bytes += piece;
+        offset += piece;
         length -= piece;
     }
 }

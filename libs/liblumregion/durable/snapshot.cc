@@ -9,11 +9,22 @@
 // of the generation that wrote it. This is the only path of the library
 // that forces data to stable storage.
 //
+// A snapshot counts only once fsync and close have succeeded: after a
+// writeback error the kernel may have dropped its dirty pages, so a sync
+// that cannot confirm them has failed, and the working files, the only
+// other copy, must stay (a close keeps them while sync_failed is 1).
+//
 // What a failing step leaves:
+//   path      nothing opened      .tab untouched       sync_failed 1
 //   open      .tabnew as it was   .tab untouched       sync_failed 1
 //   header    .tabnew deleted     .tab untouched       sync_failed 1
 //   image     .tabnew deleted     .tab untouched       sync_failed 1
+//   fsync     .tabnew deleted     .tab untouched       sync_failed 1
+//   close     .tabnew deleted     .tab untouched       sync_failed 1
 //   rename    .tabnew complete    .tab deleted already sync_failed 1
+// "path" is a directory with which the region's file names do not fit a
+// path buffer; LumRegionSyncAll refuses such a directory before it
+// creates anything.
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -29,6 +40,11 @@ namespace {
 // clean-up can change it, or -19 when the step left none.
 int32_t FailureCode(int error) {
     return error != 0 ? error : LUM_RC_FAILURE;
+}
+
+void ReportNotWritten(const char *tabnew) {
+    LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 23,
+           "Failed to write all data to \"%s\" - data has NOT been synced", tabnew);
 }
 
 // Writes the snapshot to `tabnew`, forced to disk. 0, or the failure's code
@@ -50,17 +66,36 @@ int32_t WriteSnapshot(LumRegion *region, const char *tabnew) {
         LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 22,
                "Failed to write file header - data has NOT been synced");
     } else if (_LumPwrite(fd, region->base + file_header::kSize, body, file_header::kSize) !=
-               static_cast<ssize_t>(body)) {
+                   static_cast<ssize_t>(body) ||
+               lum_platform.fsync(fd) != 0) {
         error = FailureCode(errno);
-        LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 23,
-               "Failed to write all data to \"%s\" - data has NOT been synced", tabnew);
-    } else {
-        lum_platform.fsync(fd);
+        ReportNotWritten(tabnew);
     }
-    lum_platform.close(fd);
+    // A close may report a writeback error that fsync did not see.
+    if (lum_platform.close(fd) != 0 && error == 0) {
+        error = FailureCode(errno);
+        ReportNotWritten(tabnew);
+    }
     if (error != 0)
         lum_platform.unlink(tabnew);
     return error;
+}
+
+// Writes the snapshot and renames it over the .tab file. 0 or the code of
+// the failing step.
+int32_t SyncTo(LumRegion *region, const char *directory) {
+    if (!RegionNameAndDirectoryFit(region->name, directory))
+        return LUM_RC_BAD_PATH; // the path would lose its end: nothing is opened
+    char tabnew[kPathBufferSize];
+    char tab[kPathBufferSize];
+    RegionFilePath(tabnew, directory, region->name, ".tabnew");
+    RegionFilePath(tab, directory, region->name, ".tab");
+    int32_t rc = WriteSnapshot(region, tabnew);
+    if (rc != 0)
+        return rc;
+    lum_platform.unlink(tab); // there may be none
+    errno = 0;
+    return lum_platform.rename(tabnew, tab) == 0 ? 0 : FailureCode(errno);
 }
 
 // Frees the temporary strings of LumRegionSyncAll on every path.
@@ -96,6 +131,17 @@ int32_t WithSeparator(const char *path, SyncAllStrings &strings) {
     return 0;
 }
 
+// -412 when the file names of a registered persistent region do not fit a
+// path in `directory`. The caller holds the registry.
+int32_t CheckNamesFit(const char *directory) {
+    for (LumRegion *region : region_registry) {
+        if (region != nullptr && IsPersistent(region) &&
+            !RegionNameAndDirectoryFit(region->name, directory))
+            return LUM_RC_BAD_PATH;
+    }
+    return 0;
+}
+
 // Checks the target directory, creating it when it is missing (one level).
 int32_t PrepareDirectory(SyncAllStrings &strings) {
     struct stat info;
@@ -106,22 +152,27 @@ int32_t PrepareDirectory(SyncAllStrings &strings) {
     return lum_platform.mkdir(strings.expanded, 0700) == 0 ? 0 : errno;
 }
 
+// Syncs every registered persistent region into `directory`, each whatever
+// the others did, and returns the first failure. The caller holds the
+// registry.
+int32_t SyncRegistered(const char *directory) {
+    int32_t first_failure = 0;
+    for (LumRegion *region : region_registry) {
+        if (region == nullptr || !IsPersistent(region))
+            continue;
+        int32_t rc = _LumRegionSync(region, directory);
+        if (first_failure == 0)
+            first_failure = rc;
+    }
+    return first_failure;
+}
+
 } // namespace
 
 int32_t _LumRegionSync(LumRegion *region, const char *directory) {
     LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 20,
            "Attempting to sync region \"%s\"", region->name);
-    char tabnew[kPathBufferSize];
-    char tab[kPathBufferSize];
-    RegionFilePath(tabnew, directory, region->name, ".tabnew");
-    RegionFilePath(tab, directory, region->name, ".tab");
-    int32_t rc = WriteSnapshot(region, tabnew);
-    if (rc == 0) {
-        lum_platform.unlink(tab); // there may be none
-        errno = 0;
-        if (lum_platform.rename(tabnew, tab) != 0)
-            rc = FailureCode(errno);
-    }
+    int32_t rc = SyncTo(region, directory);
     region->sync_failed = rc != 0;
     return rc;
 }
@@ -136,22 +187,18 @@ int32_t LumRegionSyncAll(const char *path) {
         return rc;
     if (int32_t rc = _LumPathStrip(strings.expanded, &strings.stripped); rc != 0)
         return rc;
-    if (int32_t rc = PrepareDirectory(strings); rc != 0)
-        return rc;
 
-    // Held through all the writing: the checkpoint thread waits at its next
-    // registry step, and no handle can leave the table meanwhile.
-    int32_t first_failure = 0;
+    // Held from the checks through all the writing: the regions checked are
+    // those synced, the checkpoint thread waits at its next registry step,
+    // and no handle can leave the table meanwhile.
     LumMutexLock(region_registry_mutex);
-    for (LumRegion *region : region_registry) {
-        if (region == nullptr || !IsPersistent(region))
-            continue;
-        int32_t rc = _LumRegionSync(region, strings.expanded);
-        if (first_failure == 0)
-            first_failure = rc;
-    }
+    int32_t rc = CheckNamesFit(strings.expanded);
+    if (rc == 0)
+        rc = PrepareDirectory(strings);
+    if (rc == 0)
+        rc = SyncRegistered(strings.expanded);
     LumMutexUnlock(region_registry_mutex);
-    return first_failure;
+    return rc;
 }
 
 int32_t _LumPathStrip(const char *path, char **stripped) {

@@ -1,8 +1,12 @@
-// The hot path of every logged write, inline in each writer: the copy of a
-// short payload, the record placed in the log buffer, the mark in both
-// dirty maps, and _LumImageMarkDirty, which joins them.
+// The hot path of every logged write, inline in each writer. A change of the
+// image reaches the durable side in one way: RecordChange places its
+// LOG_DATA record behind the records in the log buffer and marks its pages
+// in both dirty maps. _LumImageMarkDirty takes it for a short change that
+// fits the open buffer; the allocator's batch takes it with its cursor in
+// registers; _LumImageMarkDirtyOutOfLine takes it for everything else.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -48,11 +52,16 @@ inline void CopyShortPayload(uint8_t *to, const uint8_t *from, uint32_t length) 
     }
 }
 
+// Copies a payload of any length.
+inline void CopyPayload(uint8_t *to, const uint8_t *from, uint32_t length) {
+    memcpy(to, from, length);
+}
+
 // Whether a LOG_DATA record of `length` bytes can be stored behind the
 // records already in the buffer: the region logs, its log has not failed,
 // the buffer is open (a non-empty buffer opens with a LOG_SIZE) and has the
-// room. Every other case goes to _LumLogBufferAppend, which flushes, opens,
-// splits or drops.
+// room. Every other case goes to _LumImageMarkDirtyOutOfLine, which
+// flushes, opens, splits or drops.
 inline bool LogBufferTakes(const LumRegion *region, uint32_t length) {
     const LogBuffer *buffer = region->log_buffer;
     return length <= log_record::kMaxPayload && buffer->used != 0 &&
@@ -61,29 +70,34 @@ inline bool LogBufferTakes(const LumRegion *region, uint32_t length) {
            region->log_failed.load(std::memory_order_relaxed) == 0;
 }
 
-// Stores the head of the LOG_DATA record of image bytes [offset, offset +
-// length) in place, where LogBufferTakes said it fits, and returns where
-// its payload goes.
-inline uint8_t *LogBufferPlaceData(LumRegion *region, uint32_t offset, uint32_t length) {
-    LogBuffer *buffer = region->log_buffer;
-    uint8_t *head = buffer->data + buffer->used;
-    log_record::StoreHead(head, LOG_DATA, offset, length);
-    buffer->used += log_record::Size(LOG_DATA, length);
-    return head + log_record::kHeadSize;
+// The two dirty maps of a persistent region as a writer marks them, read
+// from the region once, before the byte stores of a change, which the
+// compiler must assume may alias the region's fields.
+struct DirtyMaps {
+    uint32_t *even_words;
+    uint32_t *odd_words;
+    uint32_t page_count; // pages that each map covers: the whole reservation
+    uint32_t page_shift;
+    bool trust_set_bits; // see dirty_map.cc
+};
+
+inline DirtyMaps DirtyMapsOf(const LumRegion *region) {
+    return {region->dirty_map[0]->Words(), region->dirty_map[1]->Words(),
+            static_cast<uint32_t>(region->dirty_map[0]->page_count), region_page_shift,
+            region_write_barrier != 0};
 }
 
-// The writer's mark of one page in both maps, given their words; see
-// pagetable.cc for why bits found set may be trusted without the atomic
-// set when the platform has its write barrier. The signal fence keeps the
-// compiler from moving the caller's stores below the test.
-inline void DirtyMapsMark(uint32_t *even_words, uint32_t *odd_words, uint32_t page,
-                          bool trust_set_bits) {
+// The writer's mark of one page in both maps; see dirty_map.cc for why a
+// bit found set may be trusted without the atomic set when the platform has
+// its write barrier. The signal fence keeps the compiler from moving the
+// caller's stores below the test.
+inline void DirtyMapsMark(const DirtyMaps &maps, uint32_t page) {
     uint32_t index = page / kPagesPerMapWord;
     uint32_t shift = page % kPagesPerMapWord;
-    std::atomic_ref<uint32_t> even(even_words[index]);
-    std::atomic_ref<uint32_t> odd(odd_words[index]);
+    std::atomic_ref<uint32_t> even(maps.even_words[index]);
+    std::atomic_ref<uint32_t> odd(maps.odd_words[index]);
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    if (trust_set_bits &&
+    if (maps.trust_set_bits &&
         ((even.load(std::memory_order_relaxed) & odd.load(std::memory_order_relaxed)) >> shift &
          1) != 0)
         return;
@@ -92,32 +106,71 @@ inline void DirtyMapsMark(uint32_t *even_words, uint32_t *odd_words, uint32_t pa
     odd.fetch_or(bit, std::memory_order_release);
 }
 
-inline void DirtyMapsMark(LumRegion *region, uint32_t page) {
-    DirtyMapsMark(region->dirty_map[0]->Words(), region->dirty_map[1]->Words(), page,
-                  region_write_barrier != 0);
+// DirtyMapsMark of pages [first, min(end, page_count)), out of line
+// (dirty_map.cc). Its arguments travel in registers, so that the caller
+// does not build a DirtyMaps in memory on its way to the common case.
+__attribute__((noinline)) void DirtyMapsMarkPages(uint32_t *even_words, uint32_t *odd_words,
+                                                  bool trust_set_bits, uint32_t first, uint32_t end,
+                                                  uint32_t page_count);
+
+// Marks the pages of image bytes [offset, offset + length) in both maps.
+// This is the one bound of every mark: a page at or beyond page_count lies
+// outside the reservation, where no change can be, and is never marked,
+// whatever address a caller came with. The common change, one page inside
+// the maps, is marked here after a single test; any other goes out of line.
+// REQUIRES: length > 0 and offset + length <= 2^32 (a wrapped end marks
+// nothing).
+inline void DirtyMapsMarkRange(const DirtyMaps &maps, uint32_t offset, uint32_t length) {
+    uint32_t first = offset >> maps.page_shift;
+    uint32_t last = (offset + length - 1) >> maps.page_shift;
+    if ((first >= maps.page_count) | (last != first)) [[unlikely]] {
+        DirtyMapsMarkPages(maps.even_words, maps.odd_words, maps.trust_set_bits, first, last + 1,
+                           maps.page_count);
+        return;
+    }
+    DirtyMapsMark(maps, first);
+}
+
+// Records the change of image bytes [offset, offset + length), which stand
+// at `bytes` and hold their new values already: places its LOG_DATA record
+// at `cursor`, the payload copied by kCopy, then marks its pages in the maps
+// that `maps_of()` gives (record, then bits). The maps are asked for only
+// after the copy, so that a caller which reads them from the region holds
+// no registers for them across it. Returns the position behind the record.
+// REQUIRES: length > 0; the caller has claimed room for the record at
+// `cursor` (log_record::Size(LOG_DATA, length) bytes); kCopy copies any
+// length that it is given.
+template <void (*kCopy)(uint8_t *, const uint8_t *, uint32_t), typename MapsOf>
+inline uint8_t *RecordChange(uint8_t *cursor, const uint8_t *bytes, uint32_t offset,
+                             uint32_t length, MapsOf maps_of) {
+    log_record::StoreHead(cursor, LOG_DATA, offset, length);
+    kCopy(cursor + log_record::kHeadSize, bytes, length);
+    DirtyMapsMarkRange(maps_of(), offset, length);
+    return cursor + log_record::Size(LOG_DATA, length);
 }
 
 // Announces a change of [address, address + length), made already: logs the
 // bytes as they now stand, then marks their pages in both maps (image,
 // record, bits). Does nothing for a volatile region or a length of 0.
 //
-// A short change within one page of a logging region is stored and marked
+// A short change that fits the open buffer of a logging region is recorded
 // here, without a call and so without saving registers; everything else
 // goes to _LumImageMarkDirtyOutOfLine.
-inline void _LumImageMarkDirty(LumRegion *region, void *address, uint32_t length) {
+[[gnu::always_inline]] inline void _LumImageMarkDirty(LumRegion *region, void *address,
+                                                      uint32_t length) {
     if (!IsPersistent(region) || length == 0)
         return;
-    uint32_t offset = ImageOffsetOf(region, static_cast<uint8_t *>(address));
-    uint32_t page = offset >> region_page_shift;
-    bool one_page = length <= region_page_size - (offset & (region_page_size - 1));
-    if (length > kShortPayload || !one_page ||
-        page >= static_cast<uint32_t>(region->dirty_map[0]->page_count) ||
-        !LogBufferTakes(region, length)) {
-        _LumImageMarkDirtyOutOfLine(region, offset, length);
+    auto *bytes = static_cast<uint8_t *>(address);
+    uint32_t offset = ImageOffsetOf(region, bytes);
+    if (length > kShortPayload || !LogBufferTakes(region, length)) {
+        _LumImageMarkDirtyOutOfLine(region, bytes, offset, length);
         return;
     }
-    CopyShortPayload(LogBufferPlaceData(region, offset, length), region->base + offset, length);
-    DirtyMapsMark(region, page);
+    LogBuffer *buffer = region->log_buffer;
+    uint8_t *cursor = buffer->data + buffer->used;
+    buffer->used += log_record::Size(LOG_DATA, length);
+    RecordChange<CopyShortPayload>(cursor, bytes, offset, length,
+                                   [region] { return DirtyMapsOf(region); });
 }
 
 // The one order of every change of the image: lift the protection of the
