@@ -548,7 +548,7 @@ LUMREGION_API int32_t LumRegionCheckpoint(LumRegion *region);
  * A target whose bytes do not all lie within the image's used size (below
  * its base, beyond its end, or across either) is refused whole: nothing is
  * read or stored there, nothing is logged or marked, and the refusal is
- * reported in the log (severity 4, set 3, id 14), naming the operation, the
+ * reported in the log (severity 4, set 3, id 15), naming the operation, the
  * address and the region.
  *
  * The typed operations compare first: a value that is already there costs

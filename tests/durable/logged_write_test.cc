@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <tuple>
 
 #include "persistent_fixture.h"
@@ -146,7 +147,7 @@ TEST_F(MutationTest, EachWriteLogsItsWidthInsideTheImageAndIsRefusedOutsideIt) {
             auto records = log.Records();
             ASSERT_EQ(records.size(), 1u);
             EXPECT_EQ(std::tie(records[0].severity, records[0].set, records[0].id),
-                      std::make_tuple(4, 3u, 14u));
+                      std::make_tuple(4, 3u, 15u));
             char named[96];
             snprintf(named, sizeof named, "%s(): target %p for ", write.name,
                      static_cast<void *>(at));
@@ -158,6 +159,25 @@ TEST_F(MutationTest, EachWriteLogsItsWidthInsideTheImageAndIsRefusedOutsideIt) {
     EXPECT_EQ(LumMemLogSet(&segment_, end, 1, 16), nullptr);
     EXPECT_EQ(LumMemLogCpy(&segment_, end, kSource, 0), end) << "a length of 0 does nothing";
     EXPECT_EQ(LumMemLogCpy(nullptr, target_, kSource, 4), nullptr);
+}
+
+// A real is stored only when it compares greater or less: equal values
+// (-0.0 against +0.0) and a NaN on either side leave no store and no record.
+TEST_F(MutationTest, RealIsStoredOnlyWhenItComparesGreaterOrLess) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const std::tuple<double, double, bool> cases[] = {
+        {1.5, 2.5, true},  {2.5, 1.5, true},  {0.0, -0.0, false},
+        {nan, 1.5, false}, {1.5, nan, false},
+    };
+    for (auto [current, value, stores] : cases) {
+        memcpy(target_, &current, sizeof current);
+        uint32_t used = region_->log_buffer->used;
+        LumMemLogCpyReal(&segment_, target_, value);
+        double now;
+        memcpy(&now, target_, sizeof now);
+        EXPECT_EQ(region_->log_buffer->used != used, stores) << current << " <- " << value;
+        EXPECT_EQ(memcmp(&now, stores ? &value : &current, sizeof now), 0) << current;
+    }
 }
 
 // A change outside the reservation, as a wild pointer brings into the

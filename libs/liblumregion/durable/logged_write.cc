@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr uint32_t kOutsideImageId = 14; // in kSetError
+constexpr uint32_t kOutsideImageId = 15; // in kSetError
 
 bool MutationCheckOn() {
     return region_mutation_check == 1;
