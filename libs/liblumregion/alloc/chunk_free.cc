@@ -36,9 +36,9 @@ ChunkArea ChunkAreaOf(uint8_t *extent, uint32_t header) {
     return {extent, extent + header + 16, extent + BlockSize(extent) - 20};
 }
 
-// Finds the secondary extent of `segment` whose chunk area holds the chunk
-// at `chunk`, which lies in the image, along the chain; in a sound image the
-// chain is shorter than the image has pages and links only to its pages.
+// Finds the secondary extent of `segment` whose chunk area holds `chunk`,
+// any address, along the chain; in a sound image the chain is shorter than
+// the image has pages and links only to its pages.
 LUM_SLOW_PATH bool FindSecondaryChunkArea(const LumSegment *segment, const uint8_t *chunk,
                                           ChunkArea *area) {
     const LumRegion *region = segment->region;
