@@ -36,14 +36,11 @@ ChunkArea ChunkAreaOf(uint8_t *extent, uint32_t header) {
     return {extent, extent + header + 16, extent + BlockSize(extent) - 20};
 }
 
-// Finds the extent of `segment` whose chunk area holds the chunk at `chunk`,
-// which lies in the image: the primary extent first, then its chain, which
-// in a sound image is shorter than the image has pages and links only to
-// pages of the image.
-bool FindChunkArea(const LumSegment *segment, const uint8_t *chunk, ChunkArea *area) {
-    *area = ChunkAreaOf(segment->primary, extent_header::kPrimarySize);
-    if (chunk >= area->begin && chunk < area->end)
-        return true;
+// Finds the secondary extent of `segment` whose chunk area holds `chunk`,
+// any address, along the chain; in a sound image the chain is shorter than
+// the image has pages and links only to its pages.
+LUM_SLOW_PATH bool FindSecondaryChunkArea(const LumSegment *segment, const uint8_t *chunk,
+                                          ChunkArea *area) {
     const LumRegion *region = segment->region;
     uint32_t used = region->used.load(std::memory_order_relaxed);
     RegionOffset next = ImageLoad32(segment->primary + kNext);
@@ -57,6 +54,14 @@ bool FindChunkArea(const LumSegment *segment, const uint8_t *chunk, ChunkArea *a
     return false;
 }
 
+// Finds the extent of `segment` whose chunk area holds the chunk at `chunk`:
+// the primary extent, which holds most, or one of the chain.
+bool FindChunkArea(const LumSegment *segment, const uint8_t *chunk, ChunkArea *area) {
+    *area = ChunkAreaOf(segment->primary, extent_header::kPrimarySize);
+    return (chunk >= area->begin && chunk < area->end) ||
+           FindSecondaryChunkArea(segment, chunk, area);
+}
+
 // What freeing one chunk changes, worked out before anything changes.
 struct Release {
     ChunkArea area;
@@ -67,38 +72,45 @@ struct Release {
     uint32_t size;  // its size
 };
 
-// Plans the release of the chunk at `chunk`, which lies in the image. False
-// when it is no live chunk of `segment` or a free neighbour's tags disagree;
-// see the head of this file. Reads only inside the chunk's extent.
-bool PlanRelease(const LumSegment *segment, uint8_t *chunk, Release *release) {
+// Whether `pointer` lies in the image's extents: from the first extent up
+// to the image's used size.
+bool InExtents(const LumRegion *region, const void *pointer) {
+    uintptr_t offset =
+        reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(region->base);
+    return offset >= FirstExtentOffset() && offset < region->used.load(std::memory_order_relaxed);
+}
+
+// Plans the release of the chunk at `chunk`: 0; -408 when it is no live
+// chunk of `segment` or a free neighbour's tags disagree (see the head of
+// this file); -19 when it lies outside the image's extents. Reads only
+// inside the chunk's extent.
+int32_t PlanRelease(const LumSegment *segment, uint8_t *chunk, Release *release) {
     ChunkArea area;
     if (!FindChunkArea(segment, chunk, &area))
-        return false;
+        return InExtents(segment->region, chunk + 4) ? LUM_RC_DOUBLE_FREE : LUM_RC_FAILURE;
     uint32_t tag = ImageLoad32(chunk);
     uint32_t size = TagSize(tag);
     if ((tag & kTagFlags) != 0 || size < 16 || size > BytesBetween(chunk, area.end) ||
         ImageLoad32(chunk + size - 4) != tag)
-        return false;
-    *release = {area, size, nullptr, nullptr, chunk, size};
+        return LUM_RC_DOUBLE_FREE;
+    Release plan{area, size, nullptr, nullptr, chunk, size};
     uint8_t *above = chunk + size; // the rear fence at most
     if (uint32_t above_tag = ImageLoad32(above); above_tag & CHUNK_FREE) {
-        uint32_t above_size = TagSize(above_tag);
-        if (above_size > BytesBetween(above, area.end) ||
-            ImageLoad32(above + above_size - 4) != above_tag)
-            return false;
-        release->above = above;
-        release->size += above_size;
+        if (TagSize(above_tag) > BytesBetween(above, area.end) ||
+            ImageLoad32(above + TagSize(above_tag) - 4) != above_tag)
+            return LUM_RC_DOUBLE_FREE;
+        plan.above = above;
+        plan.size += TagSize(above_tag);
     }
     if (uint32_t below_tag = ImageLoad32(chunk - 4); below_tag & CHUNK_FREE) {
-        uint32_t below_size = TagSize(below_tag);
-        if (below_size > BytesBetween(area.begin, chunk) ||
-            ImageLoad32(chunk - below_size) != below_tag)
-            return false;
-        release->below = chunk - below_size;
-        release->block = release->below;
-        release->size += below_size;
+        if (TagSize(below_tag) > BytesBetween(area.begin, chunk) ||
+            ImageLoad32(chunk - TagSize(below_tag)) != below_tag)
+            return LUM_RC_DOUBLE_FREE;
+        plan.below = plan.block = chunk - TagSize(below_tag);
+        plan.size += TagSize(below_tag);
     }
-    return true;
+    *release = plan;
+    return 0;
 }
 
 } // namespace
@@ -126,13 +138,11 @@ template <typename Batch>
 void FreeChunk(Batch &changes, LumSegment *segment, const Release &release) {
     uint8_t *stats_at = segment->primary + primary_extent::kStats;
     uint8_t *bins = segment->primary + primary_extent::kChunkBins;
-    uint32_t merged = 0;
-    for (uint8_t *neighbour : {release.above, release.below}) {
-        if (neighbour != nullptr) {
-            FreeListRemove(changes, neighbour);
-            merged += 1;
-        }
-    }
+    if (release.above != nullptr)
+        FreeListRemove(changes, release.above);
+    if (release.below != nullptr)
+        FreeListRemove(changes, release.below);
+    uint32_t merged = (release.above != nullptr) + (release.below != nullptr);
     // A secondary extent that the block now fills goes back; a primary stays.
     bool gives_back = release.area.extent != segment->primary &&
                       release.block == release.area.begin &&
@@ -155,24 +165,15 @@ void FreeChunk(Batch &changes, LumSegment *segment, const Release &release) {
     StatsWrite(changes, stats_at, s);
 }
 
-// Whether `pointer` lies in the image's extents: from the first extent up
-// to the image's used size.
-bool InExtents(const LumRegion *region, const void *pointer) {
-    uintptr_t offset =
-        reinterpret_cast<uintptr_t>(pointer) - reinterpret_cast<uintptr_t>(region->base);
-    return offset >= FirstExtentOffset() && offset < region->used.load(std::memory_order_relaxed);
-}
-
 } // namespace
 
 LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
-    if (segment == nullptr || reinterpret_cast<uintptr_t>(pointer) % 8 != 0 ||
-        !InExtents(segment->region, pointer))
+    if (segment == nullptr || pointer == nullptr || reinterpret_cast<uintptr_t>(pointer) % 8 != 0)
         return LUM_RC_FAILURE;
     Release release;
     uint8_t *chunk = static_cast<uint8_t *>(pointer) - 4;
-    if (!PlanRelease(segment, chunk, &release))
-        return LUM_RC_DOUBLE_FREE;
+    if (int32_t rc = PlanRelease(segment, chunk, &release); rc != 0)
+        return rc;
     if (ProtectsPages(segment->region)) // an allocation freed before it was logged
         _LumOpenChunkEnd(segment->region, chunk);
     if (region_mutation_check == 1)
