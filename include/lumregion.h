@@ -120,7 +120,7 @@ extern "C" {
 #define LUM_RC_SOFT_ABOVE_HARD (-409)  /**< "Tried to increase soft limit beyond hard limit" */
 #define LUM_RC_SOFT_BELOW_USED                                                                     \
     (-410) /**< "Tried to decrease soft limit to less than current size of region" */
-#define LUM_RC_BAD_FILES (-411)        /**< "Invalid data files" */
+#define LUM_RC_BAD_FILES (-411)        /**< "Invalid data files" (reserved for recovery) */
 #define LUM_RC_BAD_PATH (-412)         /**< "Path is invalid" */
 #define LUM_RC_SEGMENTS_REMAIN (-413)  /**< "Segment(s) remain in region" */
 #define LUM_RC_PRIMARY_SIZE (-499)     /**< "Invalid primary extent size" */
@@ -294,8 +294,10 @@ LUMREGION_API int32_t LumRegionClose(LumRegion *region);
 LUMREGION_API int32_t LumRegionDrop(LumRegion *region);
 
 /** Writes a snapshot of every open persistent region into directory
- *  @p path: "<path>/<name>.tab", written as ".tabnew", forced to disk and
- *  renamed. The regions stay open and their working files untouched.
+ *  @p path: "<path>/<name>.tab", written as ".tabnew" and forced to disk;
+ *  then the old ".tab" is removed and ".tabnew" renamed to it, so a crash
+ *  between the two leaves the complete ".tabnew" alone. The regions stay
+ *  open and their working files untouched.
  *  @p path may end in '/' or not and may hold environment references ($NAME
  *  or ${NAME}); a missing directory is created, one level deep. The path is
  *  checked before anything is created: the data directory given to
@@ -309,7 +311,8 @@ LUMREGION_API int32_t LumRegionDrop(LumRegion *region);
  *  @return 0; -412 for the data directory or a path too long; 12; a code of
  *  the path conversion or expansion; the errno of examining or creating the
  *  directory; else the first failure in registry order (an errno value, or
- *  -19), after every region had its attempt; -19 for a null path. */
+ *  -19), after every region had its attempt; -19 for a null path or a
+ *  library that is not started. */
 LUMREGION_API int32_t LumRegionSyncAll(const char *path);
 
 /** Fills @p info, which the caller provides, from the handle and the image;
@@ -395,8 +398,12 @@ typedef struct LumSegmentInfo {
 /** Creates a segment of @p region with the lowest free id: a primary
  *  extent of @p primary_size bytes, grown when full by secondary extents,
  *  the first of @p secondary_size bytes and each further one
- *  @p growth_percent larger than the one before, until the segment's total
- *  reaches @p maximum_size (0: no maximum). Sizes are rounded up to pages.
+ *  @p growth_percent larger than the one before. Sizes are rounded up to
+ *  pages. Growth stops with -407 only when the segment's total equals
+ *  @p maximum_size (rounded up to pages; 0: no maximum) exactly: a maximum
+ *  that the extent sizes step past bounds nothing, and the segment then
+ *  grows until the region's limits stop it. Choose a maximum that primary
+ *  and secondary sizes sum to.
  *  A @p secondary_size of 0 gives each secondary extent the size that the
  *  allocation which needs it asks for.
  *  @return 0 with *segment set; -406 when 128 segments exist; -405 for a
@@ -435,7 +442,10 @@ LUMREGION_API uint32_t LumSegmentGetUsedBytes(LumSegment *segment);
  *  The chunk is logged whole, so @p size must stay within the region's
  *  largest_record. @return 0; -407 at the segment's maximum; -402 or -403
  *  when the region cannot grow; -19 for a null argument or a size above
- *  4294967224 (*pointer null on failure). */
+ *  4294967224. *pointer is null on every failure but a null segment or
+ *  pointer, where it is untouched. The allocation ends with LumMemLog,
+ *  LumMemNoLog or LumMemFree; until then its pages stay writable in a
+ *  protecting region (see Page protection). */
 LUMREGION_API int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **pointer);
 
 /** Frees an allocation of @p segment, merging it with free neighbours.
@@ -444,7 +454,7 @@ LUMREGION_API int32_t LumMemAlloc(LumSegment *segment, uint32_t size, void **poi
  *  fences of one of the segment's extents, and the tags of the free
  *  neighbours it merges with agree. A second free of a pointer is refused
  *  as long as its memory has not been handed out again since.
- *  @return 0; -19 for a null segment or a pointer that is not a multiple
+ *  @return 0; -19 for a null segment, a null pointer, or one that is not a multiple
  *  of 8 or lies outside the image's extents; -408 for a pointer that names
  *  no live chunk of the segment, such as one that is free already. A
  *  refused pointer changes nothing. */
@@ -497,7 +507,7 @@ LUMREGION_API int32_t LumRegionVerifyDeep(LumRegion *region);
 
 /** Makes the logged changes so far survive the death of the process: one
  *  write of the log buffer to the log file of the current generation. When
- *  a checkpoint has finished, the commit also acknowledges it, and recovery
+ *  a checkpoint has finished, the commit of an online region acknowledges it, and recovery
  *  may then start from that checkpoint. A volatile or offline region writes
  *  nothing.
  *  Not a flush to stable storage: a commit survives the process, not the
@@ -586,8 +596,9 @@ LUMREGION_API void *LumMemLogSet(LumSegment *segment, void *target, int32_t valu
  *  record (several when it is larger than the log buffer's room).
  *  @p pointer must be a result of LumMemAlloc in @p segment; a chunk that
  *  does not lie within the image is refused as a target outside it is.
- *  Call exactly one of LumMemLog and LumMemNoLog for each new allocation,
- *  before the commit that is to keep it. Nothing for a null argument. */
+ *  Call one of LumMemLog and LumMemNoLog for each new allocation before
+ *  the commit that is to keep it, or free it instead. Pages that another
+ *  open allocation touches stay writable. Nothing for a null argument. */
 LUMREGION_API void LumMemLog(LumSegment *segment, void *pointer);
 
 /** As LumMemLog, without the record: the chunk reaches disk only with its
