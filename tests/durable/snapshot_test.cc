@@ -107,6 +107,12 @@ TEST_F(SyncAllTest, SyncsEveryRegionIntoTheExpandedPathAndReturnsTheFirstFailure
     EXPECT_EQ(LumRegionSyncAll((dir_.path() + "missing/twice").c_str()), ENOENT);
     EXPECT_EQ(LumRegionSyncAll((std::string(region_home) + "//").c_str()), LUM_RC_BAD_PATH);
     EXPECT_EQ(_LumPathCheckHome("/Data/Home/", "/data/home"), LUM_RC_BAD_PATH);
+    for (auto [path, expected] : {std::pair{"/data///", "/data"}, {"/", "/"}, {"//", "/"}}) {
+        char *stripped = nullptr;
+        ASSERT_EQ(_LumPathStrip(path, &stripped), 0);
+        EXPECT_STREQ(stripped, expected) << "trailing separators go, the first character stays";
+        lum_free(stripped);
+    }
     EXPECT_EQ(LumRegionDrop(second), 0);
     EXPECT_EQ(LumRegionDrop(third), 0);
     EXPECT_EQ(Existing(dir_.path(), "q"), (Names{"q_0.chk", "q_1.chk", "q_0.log", "q_1.log"}))
