@@ -35,7 +35,14 @@ TEST_F(ExtentTest, SmallBinsAreFirstInFirstOutAndLargerOnesBestFit) {
         _LumFreeListInsert(region_, bins, item, size);
         return item;
     };
-    uint8_t *a = insert(0x10000, 64), *b = insert(0x20000, 64), *c = insert(0x30000, 64);
+    uint8_t *a = insert(0x10000, 64);
+    uint32_t from = region_->log_buffer->used;
+    uint8_t *b = insert(0x20000, 64), *c = insert(0x30000, 64);
+    RegionOffset a_link_up = static_cast<RegionOffset>(a - region_->base) + bin_array::kLinkUp;
+    bool logged = false;
+    for (const auto &record : BufferRecords(region_, from))
+        logged = logged || record.value == a_link_up;
+    EXPECT_TRUE(logged) << "the item the next one goes behind has its new link logged";
     for (uint8_t *item : {a, b, c, static_cast<uint8_t *>(nullptr)})
         EXPECT_EQ(_LumFreeListFind(region_, bins, 64), item);
     uint8_t *s600 = insert(0x10000, 600), *s640 = insert(0x20000, 640);
@@ -71,7 +78,9 @@ TEST_F(ExtentTest, ExtentsSplitAtTheirLowEndMergeAndTheLastGivesTheImageBack) {
     EXPECT_EQ(extent, nullptr);
     EXPECT_EQ(ImageLoad32(rest), 2 * Page() | CHUNK_FREE);
     EXPECT_EQ(_LumExtentAlloc(region_, 0xFFFFFFF0, &extent), LUM_RC_EXTEND) << "past 4 GiB";
-    EXPECT_EQ(Alloc(2 * Page()), rest) << "an exact fit takes it whole";
+    EXPECT_EQ(Alloc(Page()), rest);
+    EXPECT_EQ(BlockSize(rest), Page()) << "a rest of one page is split off";
+    EXPECT_EQ(Alloc(Page()), rest + Page()) << "an exact fit takes it whole";
     ASSERT_EQ(_LumExtentFree(region_, first), 0);
     ASSERT_EQ(_LumExtentFree(region_, big), 0);
     uint32_t from = region_->log_buffer->used;
@@ -83,7 +92,7 @@ TEST_F(ExtentTest, ExtentsSplitAtTheirLowEndMergeAndTheLastGivesTheImageBack) {
     EXPECT_EQ(LengthsOf(records), (std::vector<uint32_t>{8, 8, 8, 16, 4}));
     EXPECT_EQ(region_->base + records[3].value, first);
     EXPECT_EQ(region_->base + records[4].value, big + 2 * Page() - 4);
-    for (uint8_t *extent : {rest, top})
+    for (uint8_t *extent : {rest, rest + Page(), top})
         ASSERT_EQ(_LumExtentFree(region_, extent), 0);
     EXPECT_EQ(region_->used, FirstExtentOffset());
     EXPECT_EQ(Alloc(Page()), first) << "the next extent lies at F again";

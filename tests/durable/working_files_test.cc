@@ -1,5 +1,10 @@
 // The durability records of a new handle: each comes from lum_malloc, and the
 // failure of any gives 12 and leaves nothing.
+#include <array>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "persistent_fixture.h"
 
 TEST_F(PersistentTest, DurabilityRecordsThatCannotBeHadGiveNoMemory) {
@@ -28,4 +33,24 @@ TEST_F(PersistentTest, NewRegionMarksEveryPageOfTheReservationInBothMaps) {
             ASSERT_EQ(_LumDirtyMapTest(map, page), 1) << page;
     }
     EXPECT_EQ(LumRegionClose(region), 0);
+}
+
+// Every file starts with this header; a short write of it is a failure.
+TEST_F(PersistentTest, FileHeaderHoldsMagicVersionGenerationTimeAndPageSize) {
+    int fd = lum_platform.open(Path("h").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    ASSERT_GT(fd, 0);
+    uint32_t before = static_cast<uint32_t>(time(nullptr));
+    ASSERT_EQ(_LumFileHeaderWrite(fd, 0x01020304), 0);
+    std::array<uint8_t, 32> header, expected{'L', 'S', 'B', 0, '0', '1', '0', 0, 4, 3, 2, 1};
+    ASSERT_EQ(_LumFileHeaderRead(fd, header.data()), 0);
+    uint32_t stamp = ImageLoad32(&header[12]);
+    EXPECT_GE(stamp, before);
+    ImageStore32(&expected[12], stamp);
+    ImageStore32(&expected[16], Page()); // then 12 reserved bytes of zero
+    EXPECT_EQ(header, expected);
+    lumtest::FileFaults faults;
+    faults.fail_write_at = 1;
+    faults.short_write = true;
+    EXPECT_EQ(_LumFileHeaderWrite(fd, 1), LUM_RC_FAILURE);
+    close(fd);
 }
