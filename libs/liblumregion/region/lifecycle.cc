@@ -31,26 +31,25 @@ void _LumRegionUnref(LumRegion *region) {
     _LumImageDestroy(region);
 }
 
-void _LumRegistryAdd(LumRegion *region) {
+// Puts `to` into the first registry slot that holds `from`; a registry
+// without such a slot stays as it is.
+static void ReplaceRegistrySlot(const LumRegion *from, LumRegion *to) {
     LumMutexLock(region_registry_mutex);
     for (LumRegion *&slot : region_registry) {
-        if (slot == nullptr) {
-            slot = region;
+        if (slot == from) {
+            slot = to;
             break;
         }
     }
     LumMutexUnlock(region_registry_mutex);
 }
 
+void _LumRegistryAdd(LumRegion *region) {
+    ReplaceRegistrySlot(nullptr, region);
+}
+
 int32_t _LumRegistryRemove(LumRegion *region) {
-    LumMutexLock(region_registry_mutex);
-    for (LumRegion *&slot : region_registry) {
-        if (slot == region) {
-            slot = nullptr;
-            break;
-        }
-    }
-    LumMutexUnlock(region_registry_mutex);
+    ReplaceRegistrySlot(region, nullptr);
     return 0;
 }
 
