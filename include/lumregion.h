@@ -123,6 +123,7 @@ extern "C" {
 #define LUM_RC_BAD_FILES (-411)        /**< "Invalid data files" (reserved for recovery) */
 #define LUM_RC_BAD_PATH (-412)         /**< "Path is invalid" */
 #define LUM_RC_SEGMENTS_REMAIN (-413)  /**< "Segment(s) remain in region" */
+#define LUM_RC_IN_USE (-414)           /**< "Region is in use" */
 #define LUM_RC_PRIMARY_SIZE (-499)     /**< "Invalid primary extent size" */
 #define LUM_RC_SECONDARY_SIZE (-498)   /**< "Invalid secondary extent size" */
 #define LUM_RC_SEGMENT_INDEX (-497)    /**< "Segment map index exceeded" */
@@ -267,6 +268,36 @@ typedef struct LumRegionInfo {
 LUMREGION_API int32_t LumRegionCreate(const char *name, int32_t type, uint32_t hard_limit,
                                       uint32_t soft_limit, uint32_t largest_record, int32_t protect,
                                       const char *directory, LumRegion **region, void **base);
+
+/** Brings back the persistent region @p name from its files in
+ *  @p directory (named as for LumRegionCreate): the newest consistent
+ *  image, from the ".tab" snapshot, a checkpoint file or the logs alone,
+ *  with every log record up to the last commit that reached its log
+ *  replayed over it. Records behind the last commit are cut off the logs;
+ *  logs and checkpoint files that the chosen image does not need are
+ *  emptied. The region is then open as after LumRegionCreate, at its own
+ *  base address, and checkpointed at the next pass of the thread.
+ *  With Region.VerifyOnRecovery on (the default), the image is verified
+ *  (LumRegionVerify) before the call returns.
+ *  @p hard_limit, @p soft_limit, @p largest_record and @p protect are those
+ *  of LumRegionCreate and need not equal the values of the run that wrote
+ *  the files, as long as the image fits them.
+ *  @return 0; or the code of LumRegionVerify when the recovered image is
+ *    damaged (the region is open all the same, *region and *base are set,
+ *    and the host decides whether to close it);
+ *    -19  bad argument, as for LumRegionCreate;
+ *    12   no memory;
+ *    -401 the address space cannot be reserved;
+ *    -402 the image does not fit the soft limit (nothing on disk changed
+ *         but the cut of uncommitted log tails: open again with a larger
+ *         limit);
+ *    -411 no consistent image: no files, or files that do not agree, or
+ *         a source that could not be read whole;
+ *    -414 the region is open already, in this process or another.
+ *  On failure *region and *base are null. */
+LUMREGION_API int32_t LumRegionOpen(const char *name, uint32_t hard_limit, uint32_t soft_limit,
+                                    uint32_t largest_record, int32_t protect,
+                                    const char *directory, LumRegion **region, void **base);
 
 /** Ends the host's use of @p region, which may still hold segments; its
  *  segment handles must have been closed, and the host must not change the

@@ -73,14 +73,6 @@ void Report(uint32_t id, const char *text) {
     LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, id, "%s", text);
 }
 
-// A chk header's timestamp is newer than any this handle wrote before, so
-// two acknowledged chk files are ordered by time as by generation.
-int32_t NextTimestamp(LumRegion *region) {
-    int32_t now = static_cast<int32_t>(time(nullptr));
-    region->last_checkpoint_time = std::max(now, region->last_checkpoint_time + 1);
-    return region->last_checkpoint_time;
-}
-
 // Writes page `page` of the image to the chk file and returns what
 // _LumPwrite did: the page size, short, or -1 with errno. The first 32 bytes
 // of page 0 are the file's header and are not written over; they count as
@@ -218,7 +210,7 @@ int32_t _LumRegionCheckpoint(LumRegion *region) {
     int parity = generation % 2;
 
     bool written = true;
-    if (_LumFileHeaderWriteStamped(region->chk_fd[parity], generation, NextTimestamp(region)) !=
+    if (_LumFileHeaderWriteStamped(region->chk_fd[parity], generation, RegionNextTimestamp(region)) !=
         0) {
         Report(6, "_LumRegionCheckpoint(): failed to write file header");
         written = false;

@@ -43,6 +43,17 @@ int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestam
 // Reads the 32 header bytes at offset 0 without judging them. 0 or -19.
 int32_t _LumFileHeaderRead(int fd, uint8_t *header);
 
+// The timestamp of the next header the region writes: max(now, last + 1),
+// so that every file of a region is ordered by time as by generation, also
+// within one second. LumRegionOpen seeds `last_timestamp` from the newest
+// file it judged.
+int32_t RegionNextTimestamp(LumRegion *region);
+
+// Takes the exclusive advisory lock that marks a region as in use; it is
+// held while `fd` stays open. 0, LUM_RC_IN_USE when another open file
+// description holds it (this process or another), or -19.
+int32_t _LumFileLock(int fd);
+
 // Read or write `count` bytes at file offset `offset`: the count, short at
 // the end of the file (reads), or -1 with errno. A write from memory that
 // vanished under it gives -1 with errno EFAULT, and the process goes on.

@@ -10,11 +10,26 @@
 //
 // A reader of a header judges the magic alone; generation and timestamp
 // order the files.
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <sys/file.h>
 
 #include "durable/durable.h"
 #include "platform/platform.h"
+
+int32_t RegionNextTimestamp(LumRegion *region) {
+    int32_t now = static_cast<int32_t>(time(nullptr));
+    region->last_timestamp = std::max(now, region->last_timestamp + 1);
+    return region->last_timestamp;
+}
+
+int32_t _LumFileLock(int fd) {
+    if (lum_platform.flock(fd, LOCK_EX | LOCK_NB) == 0)
+        return 0;
+    return errno == EWOULDBLOCK ? LUM_RC_IN_USE : LUM_RC_FAILURE;
+}
 
 ssize_t _LumPread(int fd, void *buffer, uint32_t count, int64_t offset) {
     return lum_platform.pread(fd, buffer, count, static_cast<off_t>(offset));

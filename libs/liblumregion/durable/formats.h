@@ -27,6 +27,12 @@ inline constexpr uint32_t kReserved = 20;  // 12 zero bytes
 inline constexpr uint32_t kSize = 32;
 inline constexpr char kMagicText[4] = "LSB";
 inline constexpr char kVersionText[4] = "010";
+// The last byte of the version text carries flags, which only recovery
+// reads. kFollowsGap: this log starts a generation that follows a failed
+// log, whose lost records no replay may skip over, so recovery never
+// applies this log behind its predecessor.
+inline constexpr uint32_t kFlags = kVersion + 3;
+inline constexpr uint8_t kFollowsGap = 1;
 static_assert(kReserved + 12 == kSize);
 static_assert(kSize <= region_header::kSegmentMap, "the header fits the image's reserved bytes");
 } // namespace file_header

@@ -37,7 +37,7 @@ namespace {
 
 LumLocale *region_locale; // made by the first attempt that got this far
 
-// Catalogue set 1 holds the texts of these codes, ids 1 to 26 in this order.
+// Catalogue set 1 holds the texts of these codes, ids 1 to 27 in this order.
 // -492 has no row: it reaches hosts as a bare number.
 const LumRCEntry kResultCodes[] = {
     {-401, 1, 1, "Failed to reserve swap space for region"},
@@ -66,8 +66,9 @@ const LumRCEntry kResultCodes[] = {
     {-488, 1, 24, "Boundary tag mismatch"},
     {-487, 1, 25, "Free list ring broken"},
     {-486, 1, 26, "Free block outside its bin"},
+    {-414, 1, 27, "Region is in use"},
 };
-static_assert(sizeof kResultCodes / sizeof kResultCodes[0] == 26);
+static_assert(sizeof kResultCodes / sizeof kResultCodes[0] == 27);
 
 // Keeps the data directory with exactly one trailing separator added when
 // it has none; separators already there stay as they are.

@@ -53,6 +53,7 @@ struct LumPlatform {
     int (*rename)(const char *from, const char *to);
     int (*stat)(const char *path, struct stat *info);
     int (*mkdir)(const char *path, mode_t mode);
+    int (*flock)(int fd, int operation);
 };
 
 // The table in use. Production fills it with the system calls; a test may

@@ -1,6 +1,7 @@
 // The platform seam's table: production entries from posix_vm.cc and
 // posix_file.cc, plain POSIX calls where no wrapping is needed.
 #include <cstdio>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +30,7 @@ const LumPlatform lum_platform_system = {
     .rename = ::rename,
     .stat = FileStat,
     .mkdir = ::mkdir,
+    .flock = ::flock,
 };
 
 LumPlatform lum_platform = lum_platform_system;

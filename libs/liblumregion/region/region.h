@@ -90,7 +90,7 @@ struct LumRegion {
     std::atomic<uint32_t> flushed_generation;
     std::atomic<uint32_t> log_failed;
     int32_t sync_failed;          // the last sync failed: working files stay at close
-    int32_t last_checkpoint_time; // timestamp of the newest chk header this handle wrote
+    int32_t last_timestamp;       // the newest header timestamp of this region's files
     std::atomic<uint32_t> checkpoint_state;
     int chk_fd[2];                            // "_0.chk", "_1.chk"; -1 for none
     int log_fd[2];                            // "_0.log", "_1.log"; -1 for none
