@@ -68,11 +68,6 @@ int32_t _LumRegionNew(const char *name, int32_t type, uint32_t hard_limit, uint3
         // Both chk files are empty: every page differs from both.
         _LumDirtyMapFill(region, 0, 1);
         _LumDirtyMapFill(region, 1, 1);
-    } else {
-        for (int parity = 0; parity < 2; ++parity) {
-            region->chk_fd[parity] = -1;
-            region->log_fd[parity] = -1;
-        }
     }
     region->checkpointing.store(1, std::memory_order_relaxed);
     region->generation.store(0, std::memory_order_relaxed);
@@ -91,19 +86,24 @@ int32_t _LumRegionNew(const char *name, int32_t type, uint32_t hard_limit, uint3
     return 0;
 }
 
+bool RegionArgumentsAcceptable(const char *name, int32_t type, const char *directory) {
+    if (name == nullptr || !IsKnownType(type))
+        return false;
+    if (region_started == 0 || region_registry_mutex == nullptr)
+        return false;
+    if (!DirectoryAcceptable(type, directory))
+        return false;
+    return RegionNameAndDirectoryFit(name, type == LUM_REGION_PERSISTENT ? directory : nullptr);
+}
+
 int32_t LumRegionCreate(const char *name, int32_t type, uint32_t hard_limit, uint32_t soft_limit,
                         uint32_t largest_record, int32_t protect, const char *directory,
                         LumRegion **out_region, void **out_base) {
-    if (name == nullptr || out_region == nullptr || out_base == nullptr || !IsKnownType(type))
-        return LUM_RC_FAILURE;
-    if (region_started == 0 || region_registry_mutex == nullptr)
-        return LUM_RC_FAILURE;
-    if (!DirectoryAcceptable(type, directory))
+    if (out_region == nullptr || out_base == nullptr ||
+        !RegionArgumentsAcceptable(name, type, directory))
         return LUM_RC_FAILURE;
     if (type != LUM_REGION_PERSISTENT)
         directory = nullptr;
-    if (!RegionNameAndDirectoryFit(name, directory))
-        return LUM_RC_FAILURE;
     LumRegion *region;
     int32_t rc = _LumRegionNew(name, type, hard_limit, soft_limit, largest_record, protect,
                                directory, &region);

@@ -100,6 +100,10 @@ int32_t _LumImageCreate(const char *name, int32_t type, uint32_t hard_limit, uin
         return LUM_RC_NO_MEMORY;
     }
     auto *region = new (memory) LumRegion{}; // all fields zero; offline
+    for (int parity = 0; parity < 2; ++parity) {
+        region->chk_fd[parity] = -1;
+        region->log_fd[parity] = -1;
+    }
     if (LumMutexCreate("RegionAnon", &region->mutex) != 0)
         return AbandonHandle(region, LUM_RC_NO_MEMORY, out);
     if (type == LUM_REGION_PERSISTENT && !CreateDurability(region, hard_limit, largest_record))

@@ -178,6 +178,11 @@ inline void _LumOpenChunkProtect(LumRegion *region, uint8_t *chunk, uint32_t siz
 
 // create.cc -------------------------------------------------------------
 
+// The checks of a new or reopened region's arguments: a started library, a
+// known type, a name that can name files, and for a persistent region a
+// directory that is not relative to '.' and fits a path with the name.
+bool RegionArgumentsAcceptable(const char *name, int32_t type, const char *directory);
+
 // Builds a region ready for use: the handle and image, the working files of
 // a persistent region, and an initialised region header. Not registered and
 // unreferenced. On failure *region is null and nothing is left behind.

@@ -1,0 +1,162 @@
+// Reading a log: the scan that judges it and the replay that applies it to
+// the image. Both walk the records from offset 32 through one buffer of
+// kLogBlock bytes, read in blocks of that size; a record that a block cuts
+// is read again from its head at the start of the next block, so every
+// record is whole in the buffer when it is looked at.
+//
+// The scan trusts nothing: the first record that could not have been
+// written by a region (an unknown type, a length where none belongs, data
+// beyond the image size of the last LOG_SIZE, a payload beyond
+// kMaxPayload) ends it, and the log counts only up to its last LOG_COMMIT
+// before that. The replay applies only what a scan accepted and the cut
+// left, but checks the bounds of each write again: it never writes outside
+// the image, whatever the file holds by then.
+#include <cerrno>
+#include <cstring>
+
+#include "durable/recovery.h"
+#include "durable/write_path.h"
+#include "platform/platform.h"
+
+namespace {
+
+// The records of one log, block by block.
+class LogReader {
+  public:
+    LogReader(int fd, uint8_t *buffer) : fd_(fd), buffer_(buffer) {}
+
+    // The head of the next record, or null when fewer than 12 bytes remain.
+    const uint8_t *Head() {
+        return Hold(log_record::kHeadSize) ? buffer_ + offset_ : nullptr;
+    }
+    // True when `size` bytes from the current record on are in the buffer,
+    // after reading the next block from the record's head if they were not.
+    bool Hold(uint32_t size) {
+        if (offset_ + size <= filled_)
+            return true;
+        if (last_ || size > kLogBlock)
+            return false;
+        ReadBlock();
+        return size <= filled_;
+    }
+    void Skip(uint32_t size) {
+        offset_ += size;
+    }
+    // File offset of the current record.
+    uint64_t Position() const {
+        return position_ + offset_;
+    }
+    // The last record ended exactly at the end of the file.
+    bool AtEnd() const {
+        return last_ && !failed_ && offset_ == filled_;
+    }
+
+  private:
+    void ReadBlock() {
+        position_ += offset_;
+        offset_ = 0;
+        ssize_t read = _LumPread(fd_, buffer_, kLogBlock, static_cast<int64_t>(position_));
+        failed_ = read < 0;
+        filled_ = read < 0 ? 0 : static_cast<uint32_t>(read);
+        last_ = filled_ != kLogBlock;
+    }
+
+    int fd_;
+    uint8_t *buffer_;
+    uint64_t position_ = file_header::kSize; // file offset of buffer_[0]
+    uint32_t offset_ = 0;
+    uint32_t filled_ = 0;
+    bool last_ = false;
+    bool failed_ = false;
+};
+
+struct Record {
+    uint32_t type;
+    uint32_t length;
+    uint32_t value;
+    uint32_t Size() const {
+        return log_record::Size(type, length);
+    }
+};
+
+Record ReadHead(const uint8_t *head) {
+    return {ImageLoad32(head + log_record::kType), ImageLoad32(head + log_record::kLength),
+            ImageLoad32(head + log_record::kValue)};
+}
+
+// Whether a region could have written `record` to a log whose last LOG_SIZE
+// was `image_size`.
+bool Plausible(const Record &record, uint32_t image_size) {
+    switch (record.type) {
+    case LOG_DATA:
+        return record.length != 0 && record.length <= log_record::kMaxPayload &&
+               uint64_t{record.value} + record.length <= image_size;
+    case LOG_SIZE:
+    case LOG_CHECKPOINT:
+    case LOG_COMMIT:
+        return record.length == 0;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+void _LumLogCheck(RecoveryFile *log, uint8_t *buffer) {
+    log->clean = false;
+    log->commit_end = file_header::kSize;
+    log->checkpoint_position = kNoCheckpoint;
+    log->valid = _LumFileReadHeader(log) == 0 && log->size > file_header::kSize;
+    if (!log->valid)
+        return;
+    LogReader reader(log->fd, buffer);
+    uint32_t image_size = 0;
+    uint64_t checkpoint = kNoCheckpoint; // a LOG_CHECKPOINT that awaits its LOG_COMMIT
+    bool good = true;
+    while (const uint8_t *head = reader.Head()) {
+        Record record = ReadHead(head);
+        good = Plausible(record, image_size) && reader.Hold(record.Size());
+        if (!good)
+            break;
+        if (record.type == LOG_SIZE) {
+            image_size = record.value;
+        } else if (record.type == LOG_CHECKPOINT) {
+            checkpoint = reader.Position();
+        } else if (record.type == LOG_COMMIT) {
+            log->commit_end = reader.Position() + log_record::kHeadSize;
+            if (checkpoint != kNoCheckpoint)
+                log->checkpoint_position = checkpoint;
+            checkpoint = kNoCheckpoint;
+        }
+        reader.Skip(record.Size());
+    }
+    log->clean = good && reader.AtEnd();
+}
+
+int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise) {
+    LogReader reader(fd, buffer);
+    while (const uint8_t *head = reader.Head()) {
+        Record record = ReadHead(head);
+        if (!Plausible(record, region->used.load(std::memory_order_relaxed)) ||
+            !reader.Hold(record.Size()))
+            return LUM_RC_FAILURE;
+        if (record.type == LOG_DATA) {
+            memcpy(region->base + record.value, head + log_record::kHeadSize, record.length);
+            DirtyMapsMarkRange(DirtyMapsOf(region), record.value, record.length);
+        } else if (record.type == LOG_SIZE) {
+            uint32_t old_used = region->used.load(std::memory_order_relaxed);
+            if (int32_t rc = _LumImageSetSize(region, record.value); rc != 0)
+                return rc;
+            uint32_t used = region->used.load(std::memory_order_relaxed);
+            if (used > old_used)
+                _LumPageUnprotect(region, region->base + old_used, used - old_used);
+        } else if (record.type == LOG_CHECKPOINT && neutralise) {
+            uint8_t commit[4];
+            ImageStore32(commit, LOG_COMMIT);
+            if (_LumPwrite(fd, commit, 4, static_cast<int64_t>(reader.Position())) != 4)
+                return LUM_RC_FAILURE;
+        }
+        reader.Skip(record.Size());
+    }
+    return reader.AtEnd() ? 0 : LUM_RC_FAILURE;
+}

@@ -1,0 +1,238 @@
+// Recovery on real files: which source an open restores, what it replays
+// and cuts, and what the scan makes of a damaged log. A crash is a copy of
+// the region's files taken while the region is open: what a dead process
+// leaves is what its files hold at that moment.
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+
+#include "durable/recovery.h"
+#include "persistent_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+void Store32(const std::string &path, uint32_t at, uint32_t value) {
+    int fd = open(path.c_str(), O_WRONLY);
+    ASSERT_EQ(pwrite(fd, &value, 4, at), 4) << path;
+    close(fd);
+}
+
+uint32_t Load32(const std::string &path, uint32_t at) {
+    auto bytes = lumtest::ReadFile(path);
+    return bytes.size() < at + 4 ? ~0u : ImageLoad32(&bytes[at]);
+}
+
+std::vector<uint32_t> RecordTypes(const std::string &path) {
+    std::vector<uint32_t> types;
+    for (const ParsedRecord &record : ParseLog(lumtest::ReadFile(path)))
+        types.push_back(record.type);
+    return types;
+}
+
+void CopyRegionFiles(const std::string &from, const std::string &to) {
+    for (const char *suffix : {".tab", "_0.chk", "_1.chk", "_0.log", "_1.log"}) {
+        std::error_code missing;
+        fs::copy_file(from + "p" + suffix, to + "p" + suffix, fs::copy_options::overwrite_existing,
+                      missing);
+    }
+}
+
+// A region "p" whose history is one counter in a chunk, and a copy of its
+// files as a crash at some moment leaves them.
+struct History {
+    History() {
+        void *base, *counter;
+        EXPECT_EQ(LumRegionCreate("p", LUM_REGION_PERSISTENT, 4 * kMiB, 4 * kMiB, 0, 0,
+                                  live_dir.path().c_str(), &live, &base),
+                  0);
+        EXPECT_EQ(LumSegmentCreate(live, 16384, 0, 0, 0, &segment), 0);
+        EXPECT_EQ(LumMemAlloc(segment, 4, &counter), 0);
+        LumMemLog(segment, counter);
+        counter_offset = ImageOffsetOf(live, static_cast<uint8_t *>(counter));
+        Step(0);
+    }
+    ~History() {
+        if (segment)
+            LumSegmentClose(segment);
+        for (LumRegion *region : {live, opened})
+            if (region)
+                LumRegionClose(region);
+    }
+    void Step(int32_t value, bool commit = true) {
+        LumMemLogCpyInt(segment, live->base + counter_offset, value);
+        if (commit)
+            LumRegionCommit(live);
+    }
+    void Checkpoint(int32_t then_commit) {
+        ASSERT_EQ(LumRegionCheckpoint(live), 0);
+        Step(then_commit);
+    }
+    // Closes the live region (a snapshot) and goes on with it reopened.
+    void CloseAndReopen() {
+        LumSegmentClose(segment);
+        ASSERT_EQ(LumRegionClose(live), 0);
+        void *base;
+        ASSERT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, live_dir.path().c_str(), &live,
+                                &base),
+                  0);
+        ASSERT_EQ(LumSegmentOpen(live, 0, &segment), 0);
+    }
+    std::string Crash() {
+        CopyRegionFiles(live_dir.path(), crash_dir.path());
+        return crash_dir.path();
+    }
+    std::string Crashed(const std::string &suffix) const { return crash_dir.path() + "p" + suffix; }
+    int32_t OpenCrash(uint32_t soft_limit = 4 * kMiB) {
+        void *base;
+        return LumRegionOpen("p", 4 * kMiB, soft_limit, 0, 0, crash_dir.path().c_str(), &opened,
+                             &base);
+    }
+    int32_t Counter() const {
+        return static_cast<int32_t>(ImageLoad32(opened->base + counter_offset));
+    }
+
+    lumtest::TempDir live_dir, crash_dir;
+    LumRegion *live = nullptr, *opened = nullptr;
+    LumSegment *segment = nullptr;
+    uint32_t counter_offset = 0;
+};
+
+} // namespace
+
+class RecoveryTest : public PersistentTest {};
+
+// What open restores, by the files that survive: each row builds a history
+// through the API, crashes, damages what it names, and opens the copy.
+TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
+    struct Row {
+        const char *what;
+        std::function<void(History &)> build; // then a crash, unless build made one
+        int32_t rc;
+        uint32_t restoring_id; // 15 tab, 16 chk, 17 logs
+        int32_t counter;
+        uint32_t generation;
+    };
+    auto copy_chk1_as_tab = [](History &h, uint32_t generation, int32_t age) {
+        h.Crash();
+        fs::copy_file(h.Crashed("_1.chk"), h.Crashed(".tab"), fs::copy_options::overwrite_existing);
+        Store32(h.Crashed(".tab"), file_header::kGeneration, generation);
+        Store32(h.Crashed(".tab"), file_header::kTimestamp,
+                Load32(h.Crashed("_1.chk"), file_header::kTimestamp) + age);
+    };
+    auto two_checkpoints = [](History &h) {
+        h.Checkpoint(1);
+        h.Checkpoint(2);
+        h.Step(3);
+    };
+    const Row rows[] = {
+        {"commits and no checkpoint: the logs alone", [](History &h) { h.Step(1); }, 0, 17, 1, 0},
+        {"an uncommitted tail is cut",
+         [](History &h) {
+             h.Step(1);
+             h.Step(2, false);
+             _LumLogBufferFlush(h.live);
+         },
+         0, 17, 1, 0},
+        {"an acknowledged chk 0 and its log", [](History &h) { h.Checkpoint(1), h.Step(2); }, 0, 16,
+         2, 0},
+        {"chk 0 and logs 0 and 1, a transaction across the switch",
+         [](History &h) {
+             h.Checkpoint(1);
+             h.Step(2, false);
+             ASSERT_EQ(LumRegionCheckpoint(h.live), 0);
+             h.Step(3);
+         },
+         0, 16, 3, 1},
+        {"an acknowledged chk 1 is newer than chk 0", two_checkpoints, 0, 16, 3, 1},
+        {"a damaged chk 1: chk 0 and both logs",
+         [&](History &h) {
+             two_checkpoints(h);
+             Store32(h.Crash() + "p_1.chk", file_header::kMagic, 0);
+         },
+         0, 16, 3, 1},
+        {"a snapshot alone",
+         [](History &h) {
+             h.Step(4);
+             h.CloseAndReopen(); // generation 0 + 1 in the snapshot, 2 after it
+             h.Crash();
+             fs::remove(h.Crashed("_0.log"));
+         },
+         0, 15, 4, 2},
+        {"a snapshot and commits after it", [](History &h) { h.CloseAndReopen(), h.Step(5); }, 0,
+         15, 5, 2},
+        {"a snapshot and a newer chk file",
+         [](History &h) { h.CloseAndReopen(), h.Checkpoint(6), h.Step(7); }, 0, 16, 7, 2},
+        {"a snapshot older than chk 1 by generation and time",
+         [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 0, -1); }, 0, 16, 3, 1},
+        {"a snapshot newer than chk 1 by both",
+         [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 2, 1); }, 0, 15, 1, 3},
+        {"a snapshot and chk 1 of equal generation",
+         [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 1, 1); }, LUM_RC_BAD_FILES, 0,
+         0, 0},
+        {"a snapshot and chk 1 ordered opposite ways",
+         [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 2, -1); }, LUM_RC_BAD_FILES, 0,
+         0, 0},
+        {"log 0 of a later generation alone",
+         [](History &h) {
+             h.Step(1);
+             Store32(h.Crash() + "p_0.log", file_header::kGeneration, 2);
+         },
+         LUM_RC_BAD_FILES, 0, 0, 0},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        History history;
+        row.build(history);
+        if (!lumtest::FileExists(history.Crashed("_0.chk")))
+            history.Crash();
+        lumtest::LogCapture log;
+        ASSERT_EQ(history.OpenCrash(), row.rc);
+        if (row.rc != 0) {
+            EXPECT_EQ(history.opened, nullptr);
+            continue;
+        }
+        EXPECT_EQ(log.Find(kSetReport, row.restoring_id).size(), 1u);
+        EXPECT_EQ(history.Counter(), row.counter);
+        EXPECT_EQ(history.opened->generation.load(), row.generation);
+        EXPECT_EQ(LumRegionVerify(history.opened), 0);
+    }
+}
+
+
+// An acknowledged chk file found damaged is cut, and the log that
+// acknowledged it is kept in the generation the region goes on in: its
+// acknowledgement is neutralised, so that a checkpoint that dies while it
+// rewrites that chk file in place is never taken for a good one.
+TEST_F(RecoveryTest, AStaleAcknowledgementNeverVouchesForAHalfWrittenCheckpoint) {
+    History history;
+    history.Checkpoint(1);
+    history.Checkpoint(2);
+    Store32(history.Crash() + "p_1.chk", file_header::kMagic, 0);
+    ASSERT_EQ(history.OpenCrash(), 0);
+    EXPECT_EQ(RecordTypes(history.Crashed("_1.log")),
+              (std::vector<uint32_t>{LOG_SIZE, LOG_DATA, LOG_COMMIT, LOG_COMMIT}));
+
+    static std::string from, to;
+    from = history.crash_dir.path();
+    lumtest::TempDir second_crash;
+    to = second_crash.path();
+    {
+        lumtest::PlatformGuard guard;
+        lum_platform.pwrite = [](int fd, const void *bytes, size_t count, off_t offset) {
+            if (offset == static_cast<off_t>(region_page_size))
+                CopyRegionFiles(from, to); // dies after the header and the first page
+            return lum_platform_system.pwrite(fd, bytes, count, offset);
+        };
+        ASSERT_EQ(LumRegionCheckpoint(history.opened), 0);
+    }
+    EXPECT_EQ(Load32(to + "p_1.chk", file_header::kGeneration), 1u) << "rewritten in place";
+    LumRegion *region;
+    void *base;
+    lumtest::LogCapture log;
+    ASSERT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, to.c_str(), &region, &base), 0);
+    EXPECT_EQ(ImageLoad32(region->base + history.counter_offset), 2u);
+    EXPECT_EQ(log.Find(kSetReport, 16).size(), 1u) << "from chk 0";
+    LumRegionClose(region);
+}
