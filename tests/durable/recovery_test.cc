@@ -236,3 +236,78 @@ TEST_F(RecoveryTest, AStaleAcknowledgementNeverVouchesForAHalfWrittenCheckpoint)
     EXPECT_EQ(log.Find(kSetReport, 16).size(), 1u) << "from chk 0";
     LumRegionClose(region);
 }
+
+// The scan of a log, on bytes written to a file: where the committed part
+// ends, whether the log ended cleanly, and which acknowledgement counts.
+TEST_F(RecoveryTest, TheScanTrustsALogUpToItsLastCommitBeforeTheFirstBadRecord) {
+    struct Log {
+        std::vector<uint8_t> bytes = std::vector<uint8_t>(file_header::kSize, 0);
+        Log() {
+            memcpy(bytes.data(), file_header::kMagicText, 4);
+            ImageStore32(&bytes[file_header::kGeneration], 3);
+            ImageStore32(&bytes[file_header::kTimestamp], 1000);
+        }
+        Log &Record(uint32_t type, uint32_t value = 0, uint32_t length = 0) {
+            size_t at = bytes.size();
+            bytes.resize(at + log_record::kHeadSize + ((length + 3) & ~3u), 0xAB);
+            log_record::StoreHead(&bytes[at], type, value, length);
+            return *this;
+        }
+        Log &Size(uint32_t size = 1 << 24) { return Record(LOG_SIZE, size); }
+        Log &Data(uint32_t length, uint32_t at = 0) { return Record(LOG_DATA, at, length); }
+        Log &Commit() { return Record(LOG_COMMIT); }
+        Log &Cut(size_t bytes_off) { return bytes.resize(bytes.size() - bytes_off), *this; }
+        uint64_t End() const { return bytes.size(); }
+    };
+    struct Row {
+        const char *what;
+        Log log;
+        bool valid, clean;
+        uint64_t commit_end, checkpoint_position;
+    };
+    const uint64_t none = kNoCheckpoint, head = file_header::kSize;
+    Log good = Log().Size().Data(5).Commit();
+    Log ack = Log().Size().Record(LOG_CHECKPOINT).Commit();
+    // A block holds kLogBlock bytes from offset 32: the first record below
+    // crosses its end with its payload, the second with its head.
+    Log across = Log().Size().Data(log_record::kMaxPayload - 8).Commit();
+    Log head_across = Log().Size().Data(log_record::kMaxPayload - 16).Commit().Commit();
+    const Row rows[] = {
+        {"empty", Log().Cut(32), false, false, head, none},
+        {"a header alone", Log(), false, false, head, none},
+        {"a committed log", good, true, true, good.End(), none},
+        {"an uncommitted tail that ends cleanly", Log(good).Data(4), true, true, good.End(), none},
+        {"a torn head", Log(good).Commit().Cut(5), true, false, good.End(), none},
+        {"a torn payload", Log(good).Data(8).Commit().Cut(14), true, false, good.End(), none},
+        {"an unknown type", Log(good).Record(4).Commit(), true, false, good.End(), none},
+        {"a size with a length", Log(good).Record(LOG_SIZE, 0, 4).Commit(), true, false,
+         good.End(), none},
+        {"a commit with a length", Log(good).Record(LOG_COMMIT, 0, 4).Commit(), true, false,
+         good.End(), none},
+        {"data of length 0", Log(good).Data(0).Commit(), true, false, good.End(), none},
+        {"data beyond the last size", Log(good).Size(8).Data(4, 5).Commit(), true, false,
+         good.End(), none},
+        {"data before any size", Log().Data(4).Commit(), true, false, head, none},
+        {"a payload beyond the largest record", Log(good).Data(log_record::kMaxPayload + 1).Commit(),
+         true, false, good.End(), none},
+        {"an acknowledgement and its commit", ack, true, true, ack.End(), head + 12},
+        {"an acknowledgement without commit", Log(good).Record(LOG_CHECKPOINT), true, true,
+         good.End(), none},
+        {"a payload across the read block", across, true, true, across.End(), none},
+        {"a head across the read block", head_across, true, true, head_across.End(), none},
+    };
+    std::vector<uint8_t> buffer(kLogBlock);
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.what);
+        FILE *file = fopen(Path("scan.log").c_str(), "wb");
+        fwrite(row.log.bytes.data(), 1, row.log.bytes.size(), file);
+        fclose(file);
+        RecoveryFile log;
+        ASSERT_EQ(_LumFileProbe(dir_.path().c_str(), "scan", ".log", &log, O_RDWR), 0);
+        _LumLogCheck(&log, buffer.data());
+        EXPECT_EQ(std::make_tuple(log.valid, log.clean, log.commit_end, log.checkpoint_position),
+                  std::make_tuple(row.valid, row.clean, row.commit_end, row.checkpoint_position));
+        EXPECT_EQ(log.generation, row.log.bytes.size() >= head ? 3u : 0u);
+        _LumFileClose(&log);
+    }
+}
