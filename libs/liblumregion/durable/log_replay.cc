@@ -50,6 +50,9 @@ class LogReader {
     bool AtEnd() const {
         return last_ && !failed_ && offset_ == filled_;
     }
+    bool ReadFailed() const {
+        return failed_;
+    }
 
   private:
     void ReadBlock() {
@@ -131,6 +134,7 @@ void _LumLogCheck(RecoveryFile *log, uint8_t *buffer) {
         reader.Skip(record.Size());
     }
     log->clean = good && reader.AtEnd();
+    log->unreadable = log->unreadable || reader.ReadFailed();
 }
 
 int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise) {

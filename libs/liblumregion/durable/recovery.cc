@@ -182,6 +182,8 @@ int32_t RestoreFrom(LumRegion *region, RecoveryFileSet *files, const Source &sou
     uint32_t applied;
     if (int32_t rc = ChooseLogs(region, files, source, buffer, &applied); rc != 0)
         return rc;
+    if (region->used.load(std::memory_order_relaxed) < region_header::kSize)
+        return LUM_RC_BAD_FILES; // logs that never committed the region's first size
     if (!AdoptFiles(region, files, source, applied))
         return LUM_RC_BAD_FILES;
     _LumPageProtect(region, region->base, region->used.load(std::memory_order_relaxed));
@@ -189,6 +191,8 @@ int32_t RestoreFrom(LumRegion *region, RecoveryFileSet *files, const Source &sou
 }
 
 // Probes the five files, takes the region's lock and judges the files.
+// A file that could not be read fails the open: its verdict would be a
+// guess, and a good file judged bad is cut.
 int32_t ProbeAndJudge(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer) {
     const char *directory = region->directory;
     const char *name = region->name;
@@ -207,10 +211,13 @@ int32_t ProbeAndJudge(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer
     for (int32_t parity = 0; parity < 2; ++parity)
         _LumChkCheck(&files->chk[parity], files->log[parity]);
     _LumTabCheck(&files->tab);
+    bool unreadable = false;
     for (const RecoveryFile *file :
-         {&files->tab, &files->chk[0], &files->chk[1], &files->log[0], &files->log[1]})
+         {&files->tab, &files->chk[0], &files->chk[1], &files->log[0], &files->log[1]}) {
         region->last_timestamp = std::max(region->last_timestamp, file->timestamp);
-    return 0;
+        unreadable = unreadable || file->unreadable;
+    }
+    return unreadable ? LUM_RC_BAD_FILES : 0;
 }
 
 // The first source that passes its test, or -411 when none does.

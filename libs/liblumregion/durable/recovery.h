@@ -24,6 +24,9 @@ struct RecoveryFile {
     uint32_t generation = 0; // from the header; 0 until one was read
     int32_t timestamp = 0;   // from the header; 0 until one was read
     bool follows_gap = false; // logs: the header's kFollowsGap flag
+    // A stat, header read or scan read failed with an I/O error: nothing may
+    // be concluded from this file's verdicts, or a good file would be cut.
+    bool unreadable = false;
     bool valid = false;
     // Logs only. clean: every record was good and the last one ended at the
     // end of the file. commit_end: the offset behind the last LOG_COMMIT
@@ -51,7 +54,8 @@ int32_t _LumFileProbe(const char *directory, const char *name, const char *suffi
                       RecoveryFile *file, int flags);
 void _LumFileClose(RecoveryFile *file);
 // Reads generation, timestamp and flags from the file's header. 0, or -1
-// for an empty file, a short read or a wrong magic ("Corrupt file").
+// for a file shorter than a header, a wrong magic ("Corrupt file") or a
+// failed read (which also makes the file unreadable).
 int32_t _LumFileReadHeader(RecoveryFile *file);
 // A chk file counts when its header is good, its size is whole pages, and
 // the log of its parity, of the same generation, acknowledged it.

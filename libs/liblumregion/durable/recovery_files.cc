@@ -39,8 +39,10 @@ int32_t _LumFileProbe(const char *directory, const char *name, const char *suffi
     RegionFilePath(path, directory, name, suffix);
     struct stat info;
     if (lum_platform.stat(path, &info) != 0) {
-        if (errno != ENOENT)
+        if (errno != ENOENT) {
             ReportFileProblem(LUM_LOG_ERROR, 5, path, errno);
+            file->unreadable = true;
+        }
         file->size = 0;
     } else {
         file->size = static_cast<uint64_t>(info.st_size);
@@ -52,8 +54,10 @@ int32_t _LumFileProbe(const char *directory, const char *name, const char *suffi
         ReportFileProblem(LUM_LOG_FAILURE, 6, path, errno);
         return -1;
     }
-    if (errno != ENOENT)
+    if (errno != ENOENT) {
         ReportFileProblem(LUM_LOG_FAILURE, 5, path, errno);
+        file->unreadable = true;
+    }
     return 0;
 }
 
@@ -67,8 +71,12 @@ int32_t _LumFileReadHeader(RecoveryFile *file) {
     file->generation = 0;
     file->timestamp = 0;
     uint8_t header[file_header::kSize];
-    if (file->size == 0 || file->fd == -1 || _LumFileHeaderRead(file->fd, header) != 0)
+    if (file->size < file_header::kSize || file->fd == -1)
         return -1;
+    if (_LumFileHeaderRead(file->fd, header) != 0) {
+        file->unreadable = true;
+        return -1;
+    }
     if (memcmp(header + file_header::kMagic, file_header::kMagicText, 4) != 0) {
         LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 19, "Corrupt file");
         return -1;

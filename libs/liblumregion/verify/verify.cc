@@ -327,6 +327,8 @@ int32_t CheckChainsHoldExtents(const Walk &walk) {
 // The walk of both verifications over an image of `used` bytes; `found`
 // holds empty sets for the deep one.
 int32_t VerifyImage(const LumRegion *region, uint64_t used, Found *found) {
+    if (used < region_header::kSize)
+        return LUM_RC_FAILURE; // not even a region header
     Walk walk{region->base, used, found};
     uint32_t mapped;
     if (int32_t rc = CheckSegmentCount(walk, &mapped); rc != 0)
