@@ -1,5 +1,5 @@
-// A started library and one persistent region in a scratch directory, for
-// the benchmarks of one program; removed with its files at exit.
+// The library started once per program, scratch directories, and a
+// persistent region in one, removed with its files at exit.
 #pragma once
 
 #include <cstdlib>
@@ -12,26 +12,43 @@
 
 inline constexpr uint32_t kMiB = 1024 * 1024;
 
-struct BenchRegion {
-    // A region of 256 MiB with a log buffer for records of `largest_record`.
-    BenchRegion(const char *name, uint32_t largest_record) {
-        char pattern[] = "/tmp/lumbench-XXXXXX";
-        directory = std::string(mkdtemp(pattern)) + "/";
+// Starts the library once for the whole program.
+inline void StartLibraryOnce() {
+    static bool started = [] {
         LumPropMgr *properties;
         LumPropMgrCreate(&properties);
         LumRegionPropMgrInitialise(properties);
-        void *base;
-        if (LumRegionStartup(properties, "/nonexistent-home") != 0 ||
-            LumRegionCreate(name, LUM_REGION_PERSISTENT, 256 * kMiB, 256 * kMiB, largest_record, 0,
-                            directory.c_str(), &region, &base) != 0)
-            abort();
+        return LumRegionStartup(properties, "/nonexistent-home") == 0;
+    }();
+    if (!started)
+        abort();
+}
+
+// A scratch directory, removed with its files at exit; `path` ends in '/'.
+struct ScratchDir {
+    ScratchDir() {
+        char pattern[] = "/tmp/lumbench-XXXXXX";
+        path = std::string(mkdtemp(pattern)) + "/";
     }
-    ~BenchRegion() {
-        LumRegionDrop(region);
-        std::string command = "rm -rf " + directory;
+    ~ScratchDir() {
+        std::string command = "rm -rf " + path;
         if (system(command.c_str()) != 0)
             perror("rm");
     }
+    std::string path;
+};
+
+struct BenchRegion {
+    // A region of 256 MiB with a log buffer for records of `largest_record`.
+    BenchRegion(const char *name, uint32_t largest_record) {
+        StartLibraryOnce();
+        void *base;
+        if (LumRegionCreate(name, LUM_REGION_PERSISTENT, 256 * kMiB, 256 * kMiB, largest_record, 0,
+                            scratch.path.c_str(), &region, &base) != 0)
+            abort();
+        directory = scratch.path;
+    }
+    ~BenchRegion() { LumRegionDrop(region); }
     // Starts the log of the current generation afresh, so that it does not
     // grow through a long run.
     void RewindLog() {
@@ -41,6 +58,7 @@ struct BenchRegion {
         lseek(log, file_header::kSize, SEEK_SET);
     }
 
+    ScratchDir scratch;
     std::string directory;
     LumRegion *region = nullptr;
 };

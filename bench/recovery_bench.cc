@@ -1,0 +1,160 @@
+// Recovery, each beside the physical work it cannot avoid, in the same run:
+//   OpenFromTab     LumRegionOpen of a region whose 256 MiB image comes from
+//                   its .tab file (verification off), against pread(2) of
+//                   the same bytes into fresh memory;
+//   ReplayLog       the replay of a 256 MiB log of 16-byte changes into a
+//                   16 MiB image, against read(2) of the same file in the
+//                   same blocks.
+// Both in bytes per second; the files sit in the page cache, as after a
+// crash of the process.
+#include <benchmark/benchmark.h>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
+
+#include "bench_region.h"
+#include "durable/recovery.h"
+
+namespace {
+
+constexpr uint32_t kImageBytes = 256 * kMiB;
+constexpr uint32_t kLogBytes = 256 * kMiB;
+constexpr uint32_t kReplayImage = 16 * kMiB;
+
+// A .tab file of a 256 MiB image, made by closing a region.
+struct TabFile {
+    TabFile() {
+        StartLibraryOnce();
+        void *base;
+        if (LumRegionCreate("big", LUM_REGION_PERSISTENT, kImageBytes, kImageBytes, 0, 0,
+                            directory.c_str(), &big, &base) != 0 ||
+            _LumImageSetSize(big, kImageBytes) != 0)
+            abort();
+        memset(big->base + kMiB, 0x5a, kImageBytes - kMiB);
+        if (LumRegionClose(big) != 0)
+            abort();
+        path = directory + "big.tab";
+    }
+    ScratchDir scratch;
+    std::string directory = scratch.path;
+    LumRegion *big = nullptr;
+    std::string path;
+};
+
+TabFile &Tab() {
+    static TabFile tab;
+    return tab;
+}
+
+// Ends an opened region without a snapshot, keeping its files as they are,
+// so that the next open meets the same files.
+void Abandon(LumRegion *region) {
+    _LumRegistryRemove(region);
+    region->sync_failed = 1; // the working files stay
+    _LumRegionUnref(region);
+}
+
+void BM_OpenFromTab(benchmark::State &state) {
+    TabFile &tab = Tab();
+    int32_t verify = std::exchange(region_verify_on_recovery, 0);
+    for (auto _ : state) {
+        LumRegion *region;
+        void *base;
+        if (LumRegionOpen("big", kImageBytes, kImageBytes, 0, 0, tab.directory.c_str(), &region,
+                          &base) != 0)
+            abort();
+        state.PauseTiming();
+        Abandon(region);
+        state.ResumeTiming();
+    }
+    region_verify_on_recovery = verify;
+    state.SetBytesProcessed(state.iterations() * uint64_t{kImageBytes});
+}
+BENCHMARK(BM_OpenFromTab)->Unit(benchmark::kMillisecond);
+
+void BM_PreadIntoFreshMemory(benchmark::State &state) {
+    int fd = open(Tab().path.c_str(), O_RDONLY);
+    for (auto _ : state) {
+        void *memory = mmap(nullptr, kImageBytes, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (memory == MAP_FAILED || pread(fd, memory, kImageBytes, 0) != kImageBytes)
+            abort();
+        state.PauseTiming();
+        munmap(memory, kImageBytes);
+        state.ResumeTiming();
+    }
+    close(fd);
+    state.SetBytesProcessed(state.iterations() * uint64_t{kImageBytes});
+}
+BENCHMARK(BM_PreadIntoFreshMemory)->Unit(benchmark::kMillisecond);
+
+// A log of 16-byte changes spread over a 16 MiB image, a commit after
+// every hundred, and a handle to replay it into.
+struct ReplayLog {
+    ReplayLog() {
+        StartLibraryOnce();
+        std::vector<uint8_t> log(file_header::kSize, 0);
+        memcpy(log.data(), file_header::kMagicText, 4);
+        auto append = [&](uint32_t type, uint32_t value, uint32_t length) {
+            size_t at = log.size();
+            log.resize(at + log_record::Size(type, length), 0x3c);
+            log_record::StoreHead(&log[at], type, value, length);
+        };
+        append(LOG_SIZE, kReplayImage, 0);
+        for (uint32_t i = 0; log.size() + 2 * 28 < kLogBytes; ++i) {
+            append(LOG_DATA, (i * 4099u * 16) % (kReplayImage - 16), 16);
+            if (i % 100 == 99)
+                append(LOG_COMMIT, 0, 0);
+        }
+        append(LOG_COMMIT, 0, 0);
+        path = directory + "replay.log";
+        fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+        if (write(fd, log.data(), log.size()) != static_cast<ssize_t>(log.size()) ||
+            _LumImageCreate("replay", LUM_REGION_PERSISTENT, kReplayImage, kReplayImage, 0, 0,
+                            directory.c_str(), &target) != 0)
+            abort();
+        bytes = log.size();
+        buffer.resize(kLogBlock);
+    }
+    ~ReplayLog() {
+        _LumImageDestroy(target);
+        close(fd);
+    }
+    ScratchDir scratch;
+    std::string directory = scratch.path;
+    std::string path;
+    int fd = -1;
+    uint64_t bytes = 0;
+    LumRegion *target = nullptr;
+    std::vector<uint8_t> buffer;
+};
+
+ReplayLog &Replay() {
+    static ReplayLog replay;
+    return replay;
+}
+
+void BM_ReplayLog(benchmark::State &state) {
+    ReplayLog &r = Replay();
+    for (auto _ : state) {
+        if (_LumLogApply(r.target, r.fd, r.buffer.data(), false) != 0)
+            abort();
+    }
+    state.SetBytesProcessed(state.iterations() * r.bytes);
+}
+BENCHMARK(BM_ReplayLog)->Unit(benchmark::kMillisecond);
+
+void BM_ReadLogBlocks(benchmark::State &state) {
+    ReplayLog &r = Replay();
+    for (auto _ : state) {
+        lseek(r.fd, 0, SEEK_SET);
+        while (read(r.fd, r.buffer.data(), kLogBlock) == kLogBlock) {
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * r.bytes);
+}
+BENCHMARK(BM_ReadLogBlocks)->Unit(benchmark::kMillisecond);
+
+} // namespace
