@@ -210,8 +210,8 @@ int32_t _LumRegionCheckpoint(LumRegion *region) {
     int parity = generation % 2;
 
     bool written = true;
-    if (_LumFileHeaderWriteStamped(region->chk_fd[parity], generation, RegionNextTimestamp(region)) !=
-        0) {
+    if (_LumFileHeaderWriteStamped(region->chk_fd[parity], generation, RegionNextTimestamp(region),
+                                   0) != 0) {
         Report(6, "_LumRegionCheckpoint(): failed to write file header");
         written = false;
     } else {

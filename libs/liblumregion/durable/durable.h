@@ -35,11 +35,12 @@ static_assert(sizeof(DirtyMap) == 4);
 
 // file_io.cc ----------------------------------------------------------------
 
-// Writes a new header for `generation` at offset 0, leaving the file
-// position alone. Returns 0, or -19 when fewer than 32 bytes were written.
-int32_t _LumFileHeaderWrite(int fd, uint32_t generation);
-// The same with a given timestamp in place of the present time.
-int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp);
+// Writes a new header for `generation`, stamped `timestamp` (a region's
+// files take it from RegionNextTimestamp) and carrying `flags` in byte
+// file_header::kFlags (0, or kFollowsGap for a log), at offset 0, leaving
+// the file position alone. Returns 0, or -19 when fewer than 32 bytes were
+// written.
+int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp, uint8_t flags);
 // Reads the 32 header bytes at offset 0 without judging them. 0 or -19.
 int32_t _LumFileHeaderRead(int fd, uint8_t *header);
 

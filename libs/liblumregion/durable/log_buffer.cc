@@ -75,7 +75,7 @@ int ZapLog(LumRegion *region, uint32_t generation, int parity) {
                strerror(error));
         return error;
     }
-    if (_LumFileHeaderWrite(fd, generation) != 0)
+    if (_LumFileHeaderWriteStamped(fd, generation, RegionNextTimestamp(region), 0) != 0)
         return errno;
     if (lum_platform.lseek(fd, file_header::kSize, SEEK_SET) != file_header::kSize)
         return errno;

@@ -61,7 +61,8 @@ int32_t WriteSnapshot(LumRegion *region, const char *tabnew) {
     }
     int error = 0;
     uint32_t body = region->used - file_header::kSize;
-    if (_LumFileHeaderWrite(fd, region->generation.load(std::memory_order_relaxed) + 1) != 0) {
+    uint32_t generation = region->generation.load(std::memory_order_relaxed) + 1;
+    if (_LumFileHeaderWriteStamped(fd, generation, RegionNextTimestamp(region), 0) != 0) {
         error = FailureCode(errno);
         LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 22,
                "Failed to write file header - data has NOT been synced");
