@@ -246,13 +246,16 @@ typedef struct LumRegionInfo {
  *  @p directory holds a persistent region's files, which are named by plain
  *  concatenation of directory, name and suffix: it ends in '/' (or is
  *  empty, for the current directory), exists, and does not begin with '.'.
- *  Creating empties the working files of an earlier region of the name and
- *  leaves its .tab file alone. The volatile types ignore @p directory.
+ *  A persistent region is used by one handle at a time: creating takes an
+ *  exclusive lock on "<name>_0.chk", held until the region's end. Under it,
+ *  creating empties the working files of an earlier region of the name and
+ *  removes its ".tab" and ".tabnew" files. The volatile types ignore
+ *  @p directory.
  *
  *  On success *region is the handle, owned by the host until LumRegionClose
  *  or LumRegionDrop, and *base the image's address, fixed until then. On
  *  failure neither is written and nothing is left behind: no handle, no
- *  file, no registry entry.
+ *  file (but see -414), no registry entry.
  *  @return 0;
  *    -19  bad argument: null name or out pointer, a name as refused above
  *         or longer than 43 bytes, a type other than 1, 2 and 3, a
@@ -264,7 +267,10 @@ typedef struct LumRegionInfo {
  *         space cannot be reserved;
  *    -402 a soft limit of 0: the region header needs a page;
  *    -403 the first MiB cannot be committed;
- *    -1   a working file cannot be created (the files made are removed). */
+ *    -1   a working file cannot be created (the files made are removed);
+ *    -414 the region is in use, by a handle in this process or another
+ *         (no file was changed; an "_0.chk" that did not exist may remain).
+ *  A lock that cannot be taken for another reason gives -19. */
 LUMREGION_API int32_t LumRegionCreate(const char *name, int32_t type, uint32_t hard_limit,
                                       uint32_t soft_limit, uint32_t largest_record, int32_t protect,
                                       const char *directory, LumRegion **region, void **base);

@@ -178,9 +178,11 @@ inline void _LumOpenChunkProtect(LumRegion *region, uint8_t *chunk, uint32_t siz
 
 // create.cc -------------------------------------------------------------
 
-// Builds a region ready for use: the handle and image, the working files of
-// a persistent region, and an initialised region header. Not registered and
-// unreferenced. On failure *region is null and nothing is left behind.
+// Builds a region ready for use: the handle and image, the lock and the
+// working files of a persistent region, and an initialised region header.
+// Not registered and unreferenced. On failure *region is null and nothing
+// is left behind, except an "_0.chk" made for a lock that was refused
+// (LUM_RC_IN_USE).
 int32_t _LumRegionNew(const char *name, int32_t type, uint32_t hard_limit, uint32_t soft_limit,
                       uint32_t largest_record, int32_t protect, const char *directory,
                       LumRegion **region);
