@@ -312,13 +312,14 @@ LUMREGION_API int32_t LumRegionOpen(const char *name, uint32_t hard_limit, uint3
  *  first synced to "<directory><name>.tab" (written as ".tabnew", forced to
  *  disk and renamed over the old one); when that sync succeeded the four
  *  working files are deleted and the snapshot alone remains. When it failed
- *  the failure is reported in the log and the working files stay, beside
- *  the old ".tab" (or, after a failed rename, the complete ".tabnew" and no
- *  ".tab"). Waits for a checkpoint of the region in progress.
+ *  the failure is reported in the log (a failed rename excepted) and the
+ *  working files stay, beside the old ".tab" (after a failed rename also
+ *  the complete ".tabnew"; after a failure to force the directory to disk,
+ *  the new ".tab"). Waits for a checkpoint of the region in progress.
  *  @return 0 for a volatile region or a good sync; for a failed sync the
  *  errno of the step that failed (opening, writing, fsync or closing the
- *  new snapshot, or the rename), or -19 when that step left none; -19 for
- *  a null handle. */
+ *  new snapshot, the rename, or forcing the directory), or -19 when that
+ *  step left none; -19 for a null handle. */
 LUMREGION_API int32_t LumRegionClose(LumRegion *region);
 
 /** Ends @p region without a snapshot and deletes its files: the ".tab" file
@@ -331,10 +332,10 @@ LUMREGION_API int32_t LumRegionClose(LumRegion *region);
 LUMREGION_API int32_t LumRegionDrop(LumRegion *region);
 
 /** Writes a snapshot of every open persistent region into directory
- *  @p path: "<path>/<name>.tab", written as ".tabnew" and forced to disk;
- *  then the old ".tab" is removed and ".tabnew" renamed to it, so a crash
- *  between the two leaves the complete ".tabnew" alone. The regions stay
- *  open and their working files untouched.
+ *  @p path: "<path>/<name>.tab", written as ".tabnew" and forced to disk,
+ *  then renamed over the old ".tab" in one step, and the directory forced
+ *  to disk: a crash at any moment leaves one whole ".tab", the old or the
+ *  new. The regions stay open and their working files untouched.
  *  @p path may end in '/' or not and may hold environment references ($NAME
  *  or ${NAME}); a missing directory is created, one level deep. The path is
  *  checked before anything is created: the data directory given to
