@@ -53,10 +53,10 @@
  *   The host sees to it that one thread at a time changes a region
  *   (allocates, frees, writes, commits, closes). Different regions may be
  *   used by different threads at once. The background thread "REGIONCHKPT"
- *   checkpoints, once a minute and beside the host's writes, every
- *   registered persistent region that is online and allows it
- *   (LumRegionSetCheckpointing). LumRegionLockForRead, LumRegionLockForWrite
- *   and LumRegionUnlock do nothing.
+ *   checkpoints, once a minute (Region.CheckpointInterval) and beside the
+ *   host's writes, every registered persistent region that is online and
+ *   allows it (LumRegionSetCheckpointing). LumRegionLockForRead,
+ *   LumRegionLockForWrite and LumRegionUnlock do nothing.
  *
  * Ownership
  *   The host owns each region handle from its creation to LumRegionClose or
@@ -144,19 +144,24 @@ extern "C" {
 /* ---------------------------------------------------------------------- */
 
 /* Properties, all in the group "Store", and the options that set them:
- *   Region.ProtectAll        "-regionprotectall"          default 0, option sets 1
- *   Region.MutationCheck     "-regionmutationcheck"       default 0, option sets 1
- *   Region.VerifyOnRecovery  "-regionnoverifyonrecovery"  default 1, option sets 0
- * They are read once, by LumRegionStartup. */
+ *   Region.ProtectAll          "-regionprotectall"          default 0, option sets 1
+ *   Region.MutationCheck       "-regionmutationcheck"       default 0, option sets 1
+ *   Region.VerifyOnRecovery    "-regionnoverifyonrecovery"  default 1, option sets 0
+ *   Region.CheckpointInterval  "-regioncheckpointinterval <ms>"  default 60000
+ * The first three are booleans. Region.CheckpointInterval is an integer:
+ * the milliseconds the background thread sleeps between its checkpoint
+ * passes over the regions; a value of 0 or below keeps the default. They
+ * are read once, by LumRegionStartup. */
 
-/** Defines the library's three properties in @p properties, with their
+/** Defines the library's four properties in @p properties, with their
  *  defaults, in the group "Store".
  *  @return 0, or the first failure of LumPropMgrDefineWithFlags (the
  *  properties before it stay defined); -19 for a null manager. */
 LUMREGION_API int32_t LumRegionPropMgrInitialise(LumPropMgr *properties);
 
-/** Defines the library's three command-line options in @p arguments; each
- *  assigns the opposite of its property's default.
+/** Defines the library's four command-line options in @p arguments: each
+ *  boolean's assigns the opposite of its property's default, the interval's
+ *  takes the value as its next argument.
  *  @return 0, or the first failure of LumArgMgrDefineWithFlags; -19 for a
  *  null manager. */
 LUMREGION_API int32_t LumRegionArgMgrInitialise(LumArgMgr *arguments);
@@ -165,7 +170,7 @@ LUMREGION_API int32_t LumRegionArgMgrInitialise(LumArgMgr *arguments);
 /* Start and stop                                                         */
 /* ---------------------------------------------------------------------- */
 
-/** Starts the library: reads the page size and the three properties from
+/** Starts the library: reads the page size and the four properties from
  *  @p properties, registers the result codes' texts, starts the thread
  *  "REGIONCHKPT", and keeps @p home, the data directory, with a '/' added
  *  unless it ends in one. Its one use: LumRegionSyncAll refuses to write
@@ -173,7 +178,8 @@ LUMREGION_API int32_t LumRegionArgMgrInitialise(LumArgMgr *arguments);
  *
  *  @p properties may be null, and a property may be missing or unreadable:
  *  then protection is off, mutation checks are off and verification on
- *  recovery is on. The properties are read once; later changes do not count.
+ *  recovery is on, checkpoints come every 60 seconds. The properties are
+ *  read once; later changes do not count.
  *
  *  Runs once per process: after a success, or after LumRegionShutdown, it
  *  returns 0 and does nothing, whatever the arguments. A failed start
@@ -302,8 +308,8 @@ LUMREGION_API int32_t LumRegionCreate(const char *name, int32_t type, uint32_t h
  *    -414 the region is open already, in this process or another.
  *  On failure *region and *base are null. */
 LUMREGION_API int32_t LumRegionOpen(const char *name, uint32_t hard_limit, uint32_t soft_limit,
-                                    uint32_t largest_record, int32_t protect,
-                                    const char *directory, LumRegion **region, void **base);
+                                    uint32_t largest_record, int32_t protect, const char *directory,
+                                    LumRegion **region, void **base);
 
 /** Ends the host's use of @p region, which may still hold segments; its
  *  segment handles must have been closed, and the host must not change the
@@ -571,7 +577,7 @@ LUMREGION_API void LumRegionOffline(LumRegion *region);
 LUMREGION_API void LumRegionOnline(LumRegion *region);
 
 /** Runs one checkpoint of @p region on the caller's thread, as the
- *  background thread does once a minute: the pages changed since the last
+ *  background thread does once an interval: the pages changed since the last
  *  checkpoint of the next generation's parity go to its chk file. The next
  *  LumRegionCommit acknowledges it; until then recovery does not use it.
  *  Waits for a checkpoint of the region in progress on the background

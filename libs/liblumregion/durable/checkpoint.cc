@@ -20,7 +20,8 @@
 // in flight; the chk file counts only once a later commit acknowledges it,
 // when the log holds all those records.
 //
-// The thread sleeps on region_checkpoint_event for 60 seconds, or until
+// The thread sleeps on region_checkpoint_event for the interval of the
+// property Region.CheckpointInterval (60 seconds unless set), or until
 // LumRegionShutdown signals it, and then visits every registered region.
 // Lock order: region_registry_mutex, then visit_lock, then the region's
 // mutex, then its handle_mutex. visit_lock is taken with the reference,
@@ -50,8 +51,6 @@ extern "C" void AnnotateIgnoreReadsEnd(const char *file, int line);
 #endif
 
 namespace {
-
-constexpr uint32_t kSleepMilliseconds = 60000;
 
 // The fuzzy read of a page that the writer may be changing is the intended
 // race of a checkpoint; under ThreadSanitizer it is declared as such, and
@@ -268,7 +267,8 @@ uintptr_t _LumCheckpointThread(uintptr_t word) {
     Report(10, "CHKPT: started");
     for (;;) {
         Report(11, "CHKPT: sleeping ...");
-        LumEventTimedWait(region_checkpoint_event, kSleepMilliseconds);
+        LumEventTimedWait(region_checkpoint_event,
+                          static_cast<uint32_t>(region_checkpoint_interval));
         Report(12, "CHKPT: awake");
         if (LumThreadShouldContinue(word) == 0) {
             Report(13, "CHKPT: told to stop during sleep");
