@@ -5,9 +5,15 @@
 // States of checkpoint_state, and who moves them:
 //   ACKED    -> RUNNING  _LumRegionCheckpoint starts              (checkpoint)
 //   RUNNING  -> DONE     all pages written, next_generation = G+1 (checkpoint)
-//   RUNNING  -> ACKED    a write failed, next_generation = G+2,
-//                        or G when the checkpoint did not switch  (checkpoint)
-//   DONE     -> ACKED    a commit writes LOG_CHECKPOINT           (commit.cc)
+//   RUNNING  -> ACKED    a write failed: next_generation = G when the
+//                        checkpoint did not switch and the log is good,
+//                        else GenerationAfterFailure              (checkpoint)
+//   DONE     -> ACKED    a commit writes LOG_CHECKPOINT, or its log fails:
+//                        next_generation = GenerationAfterFailure (commit.cc)
+//   DONE     -> ACKED    LumRegionOnline's checkpoint fails: as a failed
+//                        acknowledgement                          (commit.cc)
+// A failure never moves the generation onto the parity of the protected
+// generation (GenerationAfterFailure in durable.h says why).
 // Each transition has one writer: the checkpoint leaves ACKED and RUNNING,
 // the commit leaves DONE. next_generation is stored before the state with
 // release order, and read after the state with acquire order, so whoever
@@ -218,10 +224,13 @@ int32_t _LumRegionCheckpoint(LumRegion *region) {
     }
 
     if (!written) {
-        // A checkpoint that switched moves on by two, back to this parity, so
-        // the last acknowledged pair stays alone. One that did not switch
-        // retries its own generation, whose log is the only history.
-        uint32_t retry = generation == old_generation ? generation : generation + 2;
+        // One that did not switch retries its own generation in place: its chk
+        // file is no acknowledged one, and its log is kept. Unless that log has
+        // failed too: then, as after a switch, the region moves on past the
+        // protected parity.
+        bool in_place =
+            generation == old_generation && region->log_failed.load(std::memory_order_relaxed) == 0;
+        uint32_t retry = in_place ? generation : GenerationAfterFailure(region);
         region->next_generation.store(retry, std::memory_order_relaxed);
         region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_release);
         return LUM_RC_FAILURE;

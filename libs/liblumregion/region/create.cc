@@ -110,7 +110,8 @@ int32_t _LumRegionNew(const char *name, int32_t type, uint32_t hard_limit, uint3
     region->checkpointing.store(1, std::memory_order_relaxed);
     region->generation.store(0, std::memory_order_relaxed);
     region->next_generation.store(0, std::memory_order_relaxed);
-    region->flushed_generation.store(99, std::memory_order_relaxed); // differs: first flush zaps
+    region->protected_generation.store(0, std::memory_order_relaxed); // log 0: all history
+    region->flushed_generation.store(99, std::memory_order_relaxed);  // differs: first flush zaps
     region->sync_failed = 0;
     region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_relaxed);
     region->online.store(1, std::memory_order_relaxed); // so that the sizing below is logged

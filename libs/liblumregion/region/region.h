@@ -89,7 +89,9 @@ struct LumRegion {
     std::atomic<uint32_t> next_generation;
     std::atomic<uint32_t> flushed_generation;
     std::atomic<uint32_t> log_failed;
-    int32_t sync_failed;                 // the last sync failed: working files stay at close
+    std::atomic<uint32_t> protected_generation; // see GenerationAfterFailure (durable.h)
+    bool log_follows_gap;                       // the next log restart marks a gap; writer only
+    int32_t sync_failed;                        // the last sync failed: working files stay at close
     std::atomic<int32_t> last_timestamp; // the newest header timestamp of this region's files
     std::atomic<uint32_t> checkpoint_state;
     int chk_fd[2];                            // "_0.chk", "_1.chk"; -1 for none
