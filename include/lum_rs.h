@@ -68,15 +68,17 @@ LUM_RS_API void lum_malloc_fail_at(uint32_t n);
 /* Typed values                                                           */
 /* ---------------------------------------------------------------------- */
 
+#define LUM_VALUE_INTEGER 3 /**< value.integer holds the value */
 #define LUM_VALUE_BOOLEAN 4 /**< value.boolean holds the value */
 #define LUM_VALUE_STRING 7  /**< value.string holds text and length */
 
 /** A typed value exchanged with the property and argument managers and with
  *  LumThreadExceptionRaise. */
 typedef struct LumValue {
-    int32_t type;     /**< LUM_VALUE_BOOLEAN or LUM_VALUE_STRING */
+    int32_t type;     /**< LUM_VALUE_INTEGER, LUM_VALUE_BOOLEAN or LUM_VALUE_STRING */
     int32_t reserved; /**< neither set nor read */
     union {
+        int32_t integer;
         int32_t boolean;
         struct {
             const char *text; /**< not owned by the record */
@@ -179,7 +181,8 @@ LUM_RS_API int32_t LumPropMgrGetValue(const LumPropMgr *manager, const char *nam
 LUM_RS_API int32_t LumPropMgrSetValue(LumPropMgr *manager, const char *name, const LumValue *value);
 
 /** Sets the property from text: booleans accept 1/0, true/false, yes/no,
- *  on/off (any case). EINVAL for text that is no value of the type. */
+ *  on/off (any case); integers a decimal number that fits 32 bits, signed.
+ *  EINVAL for text that is no value of the type. */
 LUM_RS_API int32_t LumPropMgrSetText(LumPropMgr *manager, const char *name, const char *text);
 
 /** Loads a file of "name=value" lines ('#' starts a comment, blanks around
@@ -188,7 +191,8 @@ LUM_RS_API int32_t LumPropMgrSetText(LumPropMgr *manager, const char *name, cons
 LUM_RS_API int32_t LumPropMgrLoadFile(LumPropMgr *manager, const char *path);
 
 /** Option kinds. */
-#define LUM_OPTION_FLAG 1 /**< an option without argument that assigns its value */
+#define LUM_OPTION_FLAG 1  /**< an option without argument that assigns its value */
+#define LUM_OPTION_VALUE 2 /**< an option whose next argument is the value, as text */
 
 /** Makes an argument manager whose options assign to @p properties. */
 LUM_RS_API int32_t LumArgMgrCreate(LumPropMgr *properties, LumArgMgr **manager);
@@ -196,13 +200,18 @@ LUM_RS_API int32_t LumArgMgrCreate(LumPropMgr *properties, LumArgMgr **manager);
 LUM_RS_API void LumArgMgrDestroy(LumArgMgr *manager);
 
 /** Defines @p option (e.g. "-verbose"): giving it assigns a copy of @p value
- *  to @p property. @p kind is LUM_OPTION_FLAG; @p flags must be 0. */
+ *  to @p property (kind LUM_OPTION_FLAG), or the argument behind it, as by
+ *  LumPropMgrSetText (kind LUM_OPTION_VALUE; @p value is not used and may
+ *  be null). @p flags must be 0. */
 LUM_RS_API int32_t LumArgMgrDefineWithFlags(LumArgMgr *manager, const char *option,
                                             const char *property, const char *description,
                                             int32_t kind, const LumValue *value, uint32_t flags);
 
-/** Applies every defined option among argv[1..*argc-1] and removes it from
- *  argv; the others stay, in order, and *argc is updated. The first failure
+/** Applies every defined option among argv[1..*argc-1] and removes it, with
+ *  the value behind an option of kind LUM_OPTION_VALUE, from argv; the
+ *  others stay, in order, and *argc is updated. An option that lacks its
+ *  value or cannot assign it stays, and its failure counts (EINVAL for a
+ *  missing value). The first failure
  *  to assign a property is returned after all arguments were seen. */
 LUM_RS_API int32_t LumArgMgrParse(LumArgMgr *manager, int *argc, char **argv);
 

@@ -53,10 +53,10 @@
  *   The host sees to it that one thread at a time changes a region
  *   (allocates, frees, writes, commits, closes). Different regions may be
  *   used by different threads at once. The background thread "REGIONCHKPT"
- *   checkpoints, once a minute and beside the host's writes, every
- *   registered persistent region that is online and allows it
- *   (LumRegionSetCheckpointing). LumRegionLockForRead, LumRegionLockForWrite
- *   and LumRegionUnlock do nothing.
+ *   checkpoints, once a minute (Region.CheckpointInterval) and beside the
+ *   host's writes, every registered persistent region that is online and
+ *   allows it (LumRegionSetCheckpointing). LumRegionLockForRead,
+ *   LumRegionLockForWrite and LumRegionUnlock do nothing.
  *
  * Ownership
  *   The host owns each region handle from its creation to LumRegionClose or
@@ -144,19 +144,24 @@ extern "C" {
 /* ---------------------------------------------------------------------- */
 
 /* Properties, all in the group "Store", and the options that set them:
- *   Region.ProtectAll        "-regionprotectall"          default 0, option sets 1
- *   Region.MutationCheck     "-regionmutationcheck"       default 0, option sets 1
- *   Region.VerifyOnRecovery  "-regionnoverifyonrecovery"  default 1, option sets 0
- * They are read once, by LumRegionStartup. */
+ *   Region.ProtectAll          "-regionprotectall"          default 0, option sets 1
+ *   Region.MutationCheck       "-regionmutationcheck"       default 0, option sets 1
+ *   Region.VerifyOnRecovery    "-regionnoverifyonrecovery"  default 1, option sets 0
+ *   Region.CheckpointInterval  "-regioncheckpointinterval <ms>"  default 60000
+ * The first three are booleans. Region.CheckpointInterval is an integer:
+ * the milliseconds the background thread sleeps between its checkpoint
+ * passes over the regions; a value of 0 or below keeps the default. They
+ * are read once, by LumRegionStartup. */
 
-/** Defines the library's three properties in @p properties, with their
+/** Defines the library's four properties in @p properties, with their
  *  defaults, in the group "Store".
  *  @return 0, or the first failure of LumPropMgrDefineWithFlags (the
  *  properties before it stay defined); -19 for a null manager. */
 LUMREGION_API int32_t LumRegionPropMgrInitialise(LumPropMgr *properties);
 
-/** Defines the library's three command-line options in @p arguments; each
- *  assigns the opposite of its property's default.
+/** Defines the library's four command-line options in @p arguments: each
+ *  boolean's assigns the opposite of its property's default, the interval's
+ *  takes the value as its next argument.
  *  @return 0, or the first failure of LumArgMgrDefineWithFlags; -19 for a
  *  null manager. */
 LUMREGION_API int32_t LumRegionArgMgrInitialise(LumArgMgr *arguments);
@@ -165,7 +170,7 @@ LUMREGION_API int32_t LumRegionArgMgrInitialise(LumArgMgr *arguments);
 /* Start and stop                                                         */
 /* ---------------------------------------------------------------------- */
 
-/** Starts the library: reads the page size and the three properties from
+/** Starts the library: reads the page size and the four properties from
  *  @p properties, registers the result codes' texts, starts the thread
  *  "REGIONCHKPT", and keeps @p home, the data directory, with a '/' added
  *  unless it ends in one. Its one use: LumRegionSyncAll refuses to write
@@ -173,7 +178,8 @@ LUMREGION_API int32_t LumRegionArgMgrInitialise(LumArgMgr *arguments);
  *
  *  @p properties may be null, and a property may be missing or unreadable:
  *  then protection is off, mutation checks are off and verification on
- *  recovery is on. The properties are read once; later changes do not count.
+ *  recovery is on, checkpoints come every 60 seconds. The properties are
+ *  read once; later changes do not count.
  *
  *  Runs once per process: after a success, or after LumRegionShutdown, it
  *  returns 0 and does nothing, whatever the arguments. A failed start
@@ -246,13 +252,16 @@ typedef struct LumRegionInfo {
  *  @p directory holds a persistent region's files, which are named by plain
  *  concatenation of directory, name and suffix: it ends in '/' (or is
  *  empty, for the current directory), exists, and does not begin with '.'.
- *  Creating empties the working files of an earlier region of the name and
- *  leaves its .tab file alone. The volatile types ignore @p directory.
+ *  A persistent region is used by one handle at a time: creating takes an
+ *  exclusive lock on "<name>_0.chk", held until the region's end. Under it,
+ *  creating empties the working files of an earlier region of the name and
+ *  removes its ".tab" and ".tabnew" files. The volatile types ignore
+ *  @p directory.
  *
  *  On success *region is the handle, owned by the host until LumRegionClose
  *  or LumRegionDrop, and *base the image's address, fixed until then. On
  *  failure neither is written and nothing is left behind: no handle, no
- *  file, no registry entry.
+ *  file (but see -414), no registry entry.
  *  @return 0;
  *    -19  bad argument: null name or out pointer, a name as refused above
  *         or longer than 43 bytes, a type other than 1, 2 and 3, a
@@ -264,7 +273,10 @@ typedef struct LumRegionInfo {
  *         space cannot be reserved;
  *    -402 a soft limit of 0: the region header needs a page;
  *    -403 the first MiB cannot be committed;
- *    -1   a working file cannot be created (the files made are removed). */
+ *    -1   a working file cannot be created (the files made are removed);
+ *    -414 the region is in use, by a handle in this process or another
+ *         (no file was changed; an "_0.chk" that did not exist may remain).
+ *  A lock that cannot be taken for another reason gives -19. */
 LUMREGION_API int32_t LumRegionCreate(const char *name, int32_t type, uint32_t hard_limit,
                                       uint32_t soft_limit, uint32_t largest_record, int32_t protect,
                                       const char *directory, LumRegion **region, void **base);
@@ -296,8 +308,8 @@ LUMREGION_API int32_t LumRegionCreate(const char *name, int32_t type, uint32_t h
  *    -414 the region is open already, in this process or another.
  *  On failure *region and *base are null. */
 LUMREGION_API int32_t LumRegionOpen(const char *name, uint32_t hard_limit, uint32_t soft_limit,
-                                    uint32_t largest_record, int32_t protect,
-                                    const char *directory, LumRegion **region, void **base);
+                                    uint32_t largest_record, int32_t protect, const char *directory,
+                                    LumRegion **region, void **base);
 
 /** Ends the host's use of @p region, which may still hold segments; its
  *  segment handles must have been closed, and the host must not change the
@@ -306,13 +318,14 @@ LUMREGION_API int32_t LumRegionOpen(const char *name, uint32_t hard_limit, uint3
  *  first synced to "<directory><name>.tab" (written as ".tabnew", forced to
  *  disk and renamed over the old one); when that sync succeeded the four
  *  working files are deleted and the snapshot alone remains. When it failed
- *  the failure is reported in the log and the working files stay, beside
- *  the old ".tab" (or, after a failed rename, the complete ".tabnew" and no
- *  ".tab"). Waits for a checkpoint of the region in progress.
+ *  the failure is reported in the log (a failed rename excepted) and the
+ *  working files stay, beside the old ".tab" (after a failed rename also
+ *  the complete ".tabnew"; after a failure to force the directory to disk,
+ *  the new ".tab"). Waits for a checkpoint of the region in progress.
  *  @return 0 for a volatile region or a good sync; for a failed sync the
  *  errno of the step that failed (opening, writing, fsync or closing the
- *  new snapshot, or the rename), or -19 when that step left none; -19 for
- *  a null handle. */
+ *  new snapshot, the rename, or forcing the directory), or -19 when that
+ *  step left none; -19 for a null handle. */
 LUMREGION_API int32_t LumRegionClose(LumRegion *region);
 
 /** Ends @p region without a snapshot and deletes its files: the ".tab" file
@@ -325,10 +338,10 @@ LUMREGION_API int32_t LumRegionClose(LumRegion *region);
 LUMREGION_API int32_t LumRegionDrop(LumRegion *region);
 
 /** Writes a snapshot of every open persistent region into directory
- *  @p path: "<path>/<name>.tab", written as ".tabnew" and forced to disk;
- *  then the old ".tab" is removed and ".tabnew" renamed to it, so a crash
- *  between the two leaves the complete ".tabnew" alone. The regions stay
- *  open and their working files untouched.
+ *  @p path: "<path>/<name>.tab", written as ".tabnew" and forced to disk,
+ *  then renamed over the old ".tab" in one step, and the directory forced
+ *  to disk: a crash at any moment leaves one whole ".tab", the old or the
+ *  new. The regions stay open and their working files untouched.
  *  @p path may end in '/' or not and may hold environment references ($NAME
  *  or ${NAME}); a missing directory is created, one level deep. The path is
  *  checked before anything is created: the data directory given to
@@ -564,7 +577,7 @@ LUMREGION_API void LumRegionOffline(LumRegion *region);
 LUMREGION_API void LumRegionOnline(LumRegion *region);
 
 /** Runs one checkpoint of @p region on the caller's thread, as the
- *  background thread does once a minute: the pages changed since the last
+ *  background thread does once an interval: the pages changed since the last
  *  checkpoint of the next generation's parity go to its chk file. The next
  *  LumRegionCommit acknowledges it; until then recovery does not use it.
  *  Waits for a checkpoint of the region in progress on the background

@@ -1,8 +1,10 @@
 // The argument manager: command-line options that assign a value to a
 // property of the manager's property manager when they are given.
 //
-// Options match whole arguments exactly. Parsing removes the options it
-// applied from argv and leaves every other argument, in order, for the host.
+// Options match whole arguments exactly. A flag assigns its stored value; a
+// value option assigns the argument behind it, read as text of the
+// property's type. Parsing removes the options it applied (with their
+// values) from argv and leaves every other argument, in order, for the host.
 #include <algorithm>
 #include <mutex>
 #include <vector>
@@ -15,7 +17,8 @@ struct Option {
     std::string name;
     std::string property;
     std::string description;
-    lum_rs::StoredValue value;
+    int32_t kind;
+    lum_rs::StoredValue value; // a flag's; unused by a value option
 };
 
 } // namespace
@@ -31,6 +34,19 @@ struct LumArgMgr {
         return found == options.end() ? nullptr : &*found;
     }
 };
+
+namespace {
+
+// Assigns an option to its property: a flag's stored value, or `text`, the
+// argument behind a value option (null when there is none: EINVAL).
+int32_t apply(const LumArgMgr &manager, const Option &option, const char *text) {
+    if (option.kind == LUM_OPTION_VALUE)
+        return text ? LumPropMgrSetText(manager.properties, option.property.c_str(), text) : EINVAL;
+    const LumValue value = option.value.view();
+    return LumPropMgrSetValue(manager.properties, option.property.c_str(), &value);
+}
+
+} // namespace
 
 extern "C" {
 
@@ -54,15 +70,18 @@ LUM_RS_API void LumArgMgrDestroy(LumArgMgr *manager) {
 LUM_RS_API int32_t LumArgMgrDefineWithFlags(LumArgMgr *manager, const char *option,
                                             const char *property, const char *description,
                                             int32_t kind, const LumValue *value, uint32_t flags) {
-    if (!manager || !option || !*option || !property || !*property || kind != LUM_OPTION_FLAG ||
-        flags != 0 || !lum_rs::StoredValue::valid(value))
+    const bool flag = kind == LUM_OPTION_FLAG;
+    if (!manager || !option || !*option || !property || !*property ||
+        (!flag && kind != LUM_OPTION_VALUE) || flags != 0 ||
+        (flag && !lum_rs::StoredValue::valid(value)))
         return EINVAL;
     return lum_rs::guarded([&] {
         std::lock_guard guard(manager->lock);
         if (manager->find(option))
             return EEXIST;
-        Option defined{option, property, description ? description : "", {}};
-        defined.value.assign(*value);
+        Option defined{option, property, description ? description : "", kind, {}};
+        if (flag)
+            defined.value.assign(*value);
         manager->options.push_back(std::move(defined));
         return 0;
     });
@@ -81,11 +100,11 @@ LUM_RS_API int32_t LumArgMgrParse(LumArgMgr *manager, int *argc, char **argv) {
     int kept = 1;
     for (int i = 1; i < *argc; ++i) {
         if (const Option *option = argv[i] ? manager->find(argv[i]) : nullptr) {
-            const LumValue value = option->value.view();
-            const int32_t rc =
-                LumPropMgrSetValue(manager->properties, option->property.c_str(), &value);
-            if (rc == 0)
+            const int32_t rc = apply(*manager, *option, i + 1 < *argc ? argv[i + 1] : nullptr);
+            if (rc == 0) {
+                i += option->kind == LUM_OPTION_VALUE ? 1 : 0; // its value is used up too
                 continue;
+            }
             if (first_failure == 0)
                 first_failure = rc;
         }

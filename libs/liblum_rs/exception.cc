@@ -21,7 +21,8 @@ struct HandlerSlot {
 };
 constinit HandlerSlot installed;
 
-// The text of a raised value: a string's bytes, or a boolean's number.
+// The text of a raised value: a string's bytes, or a boolean's or an
+// integer's number.
 void describe_value(const LumValue *value, char (&text)[sizeof LumException::value]) {
     text[0] = '\0';
     if (!value)
@@ -31,6 +32,8 @@ void describe_value(const LumValue *value, char (&text)[sizeof LumException::val
                                {value->value.string.text, value->value.string.length});
     else if (value->type == LUM_VALUE_BOOLEAN)
         std::snprintf(text, sizeof text, "%d", static_cast<int>(value->value.boolean));
+    else if (value->type == LUM_VALUE_INTEGER)
+        std::snprintf(text, sizeof text, "%d", static_cast<int>(value->value.integer));
 }
 
 // Logs the exception at severity 4 with the catalogue's text of (set, id)

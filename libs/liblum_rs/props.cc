@@ -5,6 +5,9 @@
 // A manager is one record of lum_malloc holding a map under its own lock;
 // a string handed out by LumPropMgrGetValue points into the map, so it stays
 // valid until that property changes or the manager is destroyed.
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -43,7 +46,7 @@ bool StoredValue::valid(const LumValue *value) {
         return false;
     if (value->type == LUM_VALUE_STRING)
         return value->value.string.text || value->value.string.length == 0;
-    return value->type == LUM_VALUE_BOOLEAN;
+    return value->type == LUM_VALUE_BOOLEAN || value->type == LUM_VALUE_INTEGER;
 }
 
 void StoredValue::assign(const LumValue &value) {
@@ -51,7 +54,9 @@ void StoredValue::assign(const LumValue &value) {
         text.assign(value.value.string.text, value.value.string.length);
     else
         text.clear();
-    boolean = value.type == LUM_VALUE_BOOLEAN ? value.value.boolean : 0;
+    number = value.type == LUM_VALUE_BOOLEAN   ? value.value.boolean
+             : value.type == LUM_VALUE_INTEGER ? value.value.integer
+                                               : 0;
     type = value.type;
 }
 
@@ -61,8 +66,10 @@ LumValue StoredValue::view() const {
     if (type == LUM_VALUE_STRING) {
         value.value.string.text = text.c_str();
         value.value.string.length = static_cast<uint32_t>(text.size());
+    } else if (type == LUM_VALUE_INTEGER) {
+        value.value.integer = number;
     } else {
-        value.value.boolean = boolean;
+        value.value.boolean = number;
     }
     return value;
 }
@@ -70,6 +77,17 @@ LumValue StoredValue::view() const {
 } // namespace lum_rs
 
 namespace {
+
+// Reads a decimal integer that fits 32 bits, signed, and nothing behind it.
+bool parse_integer(const char *text, int32_t &value) {
+    char *end = nullptr;
+    errno = 0;
+    const long long parsed = std::strtoll(text, &end, 10);
+    if (end == text || *end != '\0' || errno != 0 || parsed < INT32_MIN || parsed > INT32_MAX)
+        return false;
+    value = static_cast<int32_t>(parsed);
+    return true;
+}
 
 // Reads a boolean written as 1/0, true/false, yes/no or on/off, in any case.
 bool parse_boolean(const char *text, int32_t &value) {
@@ -185,6 +203,9 @@ LUM_RS_API int32_t LumPropMgrSetText(LumPropMgr *manager, const char *name, cons
     }
     if (value.type == LUM_VALUE_BOOLEAN)
         return parse_boolean(text, value.value.boolean) ? LumPropMgrSetValue(manager, name, &value)
+                                                        : EINVAL;
+    if (value.type == LUM_VALUE_INTEGER)
+        return parse_integer(text, value.value.integer) ? LumPropMgrSetValue(manager, name, &value)
                                                         : EINVAL;
     value.value.string.text = text;
     value.value.string.length = static_cast<uint32_t>(std::strlen(text));

@@ -61,7 +61,7 @@ template <class T> void free_record(T *record) noexcept {
 // argument managers.
 struct StoredValue {
     int32_t type = 0;
-    int32_t boolean = 0;
+    int32_t number = 0; // a boolean's or an integer's value
     std::string text;
 
     // True for a record these managers can keep: a boolean, or a string

@@ -176,8 +176,8 @@ TEST_F(CheckpointTest, GenerationsAlternateThroughCheckpointsAndTheirAcknowledge
     EXPECT_EQ(Tail(0, 9), (Types{LOG_SIZE, LOG_CHECKPOINT, LOG_COMMIT}));
 }
 
-// A failed checkpoint keeps the marks of unwritten pages and retries its
-// generation if it did not switch, else moves on by two, to its parity.
+// A failed checkpoint keeps the marks of unwritten pages and, its log being
+// good, retries its own generation in place, also after a switch.
 TEST_F(CheckpointTest, FailedCheckpointIsReportedKeepsUnwrittenMarksAndRetries) {
     const std::string write_failed = "write failed: written ",
                       enospc = ", pagesize " + std::to_string(Page()) +
@@ -218,7 +218,7 @@ TEST_F(CheckpointTest, FailedCheckpointIsReportedKeepsUnwrittenMarksAndRetries) 
             EXPECT_EQ(hooks.barriers, row.fail_write_at == 1 ? 0 : 1);
             EXPECT_EQ(Reported(log, row.id), Texts{"_LumRegionCheckpoint(): " + row.report});
         }
-        Generations after = row.switching ? Generations{1, 3, 0, A} : Generations{0, 0, 0, A};
+        Generations after = row.switching ? Generations{1, 1, 0, A} : Generations{0, 0, 0, A};
         EXPECT_EQ(Of(region_), after);
         EXPECT_EQ(File(parity, ".chk").size(), row.chk_size);
         for (uint32_t page = 0; page < 4; ++page)
@@ -258,7 +258,7 @@ TEST_F(CheckpointTest, OfflineRegionIsSkippedAndOnlineCheckpointsItOrFailsTheLog
               std::make_pair(1, 1u));
     EXPECT_EQ(LumRegionCommit(region_), 0);
     EXPECT_EQ(File(0, ".log").size(), log_size) << "online, offline and failed, nothing is logged";
-    EXPECT_EQ(Of(region_), (Generations{0, 2, 0, A}));
+    EXPECT_EQ(Of(region_), (Generations{0, 1, 0, A})) << "on past log 0, the whole history";
 
     LumRegion *scratch = Create(kMiB, kMiB);
     _LumImageMarkDirty(scratch, scratch->base, 10); // no maps, no buffer: must not touch them
@@ -296,4 +296,57 @@ TEST_F(CheckpointTest, ConcurrentWriterAndCheckpointsLeaveFilesThatRestoreTheIma
         Restore(File(parity, ".chk"), {File(parity, ".log"), File(1 - parity, ".log")}, generation);
     ASSERT_EQ(restored.size(), region_->used.load());
     EXPECT_EQ(memcmp(restored.data() + 32, region_->base + 32, restored.size() - 32), 0);
+}
+
+namespace {
+
+// The flags byte of a file's header, or -1 when it has none.
+int HeaderFlags(const std::vector<uint8_t> &file) {
+    return file.size() < file_header::kSize ? -1 : file[file_header::kFlags];
+}
+
+} // namespace
+
+// A checkpoint that fails as the region comes online, before any chk file
+// was acknowledged, moves the region on to generation 1: log 0, the whole
+// history, stays as it was, and the log of generation 1 starts behind the
+// unlogged offline period, marked as following a gap.
+TEST_F(CheckpointTest, FailedFirstCheckpointOnlineKeepsLogZeroAndMovesToGenerationOne) {
+    Change(region_, Page() + 8, 4, 7);
+    LumRegionCommit(region_);
+    auto history = File(0, ".log");
+    ASSERT_GT(ParseLog(history).size(), 2u);
+    LumRegionOffline(region_);
+    {
+        lumtest::FileFaults faults;
+        faults.fail_write_at = 1; // the chk file's header
+        LumRegionOnline(region_);
+    }
+    EXPECT_EQ(region_->log_failed.load(), 1u);
+    CheckpointAndCommit();
+    EXPECT_EQ(Of(region_), (Generations{1, 2, 1, A}));
+    EXPECT_EQ(File(0, ".log"), history);
+    EXPECT_EQ(Word(1, ".chk"), 1u);
+    EXPECT_EQ(Tail(1, 2), (Types{LOG_CHECKPOINT, LOG_COMMIT}));
+    EXPECT_EQ(HeaderFlags(File(1, ".log")), file_header::kFollowsGap);
+}
+
+// The records a failed log drops are a gap: the log that the next
+// generation starts says so in its header, and a later restart without a
+// failure does not.
+TEST_F(CheckpointTest, LogRestartedAfterAFailedLogIsMarkedAsFollowingAGap) {
+    CheckpointAndCommit();
+    {
+        lumtest::FileFaults faults;
+        faults.fail_write_at = 1;
+        Change(region_, Page() + 8, 4, 7);
+        LumRegionCommit(region_);
+    }
+    EXPECT_EQ(region_->log_failed.load(), 1u);
+    CheckpointAndCommit();
+    EXPECT_EQ(Word(1, ".log"), 1u);
+    EXPECT_EQ(HeaderFlags(File(1, ".log")), file_header::kFollowsGap);
+    CheckpointAndCommit();
+    EXPECT_EQ(Word(0, ".log"), 2u);
+    EXPECT_EQ(HeaderFlags(File(0, ".log")), 0);
 }

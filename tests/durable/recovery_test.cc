@@ -401,3 +401,23 @@ TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
     }
 }
 
+// A region has one user at a time; a directory with no files has nothing to
+// restore, again and again, and keeps the working files the probes made.
+TEST_F(RecoveryTest, OpenRefusesARegionInUseAndADirectoryWithoutFiles) {
+    History history;
+    history.Step(1);
+    auto log_before = lumtest::ReadFile(history.live_dir.path() + "p_0.log");
+    LumRegion *region = reinterpret_cast<LumRegion *>(1);
+    void *base = &region;
+    EXPECT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, history.live_dir.path().c_str(),
+                            &region, &base),
+              LUM_RC_IN_USE);
+    EXPECT_TRUE(region == nullptr && base == nullptr);
+    EXPECT_EQ(lumtest::ReadFile(history.live_dir.path() + "p_0.log"), log_before);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        EXPECT_EQ(history.OpenCrash(), LUM_RC_BAD_FILES);
+        for (const char *suffix : {"_0.chk", "_1.chk", "_0.log", "_1.log"})
+            EXPECT_EQ(history.Size(suffix), 0u) << suffix;
+        EXPECT_FALSE(lumtest::FileExists(history.Crashed(".tab")));
+    }
+}

@@ -2,6 +2,7 @@
 // drop leaves, and LumRegionSyncAll's checks of its target directory.
 #include <cstring>
 #include <filesystem>
+#include <sys/stat.h>
 
 #include "persistent_fixture.h"
 
@@ -21,6 +22,12 @@ Names Existing(const std::string &dir, const std::string &name = "p") {
 int FailingFsync(int) {
     return errno = EIO, -1;
 }
+int FailingDirectoryFsync(int fd) {
+    struct stat info;
+    if (fstat(fd, &info) == 0 && S_ISDIR(info.st_mode))
+        return errno = EIO, -1;
+    return lum_platform_system.fsync(fd);
+}
 int FailingClose(int fd) {
     lum_platform_system.close(fd); // closed all the same
     return errno = EIO, -1;
@@ -29,8 +36,9 @@ int FailingClose(int fd) {
 } // namespace
 
 // When a step of a close's sync fails, fsync and close included, the close
-// reports it, returns its code and keeps the working files and the old
-// snapshot, or after a failed rename the new one.
+// reports it (a failed rename excepted), returns its code and keeps the
+// working files and the old snapshot whole: beside the new one after a
+// failed rename, replaced by it when only the directory could not be forced.
 TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
     const struct {
         const char *what, *open_suffix;
@@ -48,6 +56,7 @@ TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
         {"fsync", "", 0, false, false, FailingFsync, nullptr, EIO, 23},
         {"close", "", 0, false, false, nullptr, FailingClose, EIO, 23},
         {"rename", "", 0, false, true, nullptr, nullptr, EXDEV, 0},
+        {"directory", "", 0, false, false, FailingDirectoryFsync, nullptr, EIO, 31},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
@@ -70,12 +79,17 @@ TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
         EXPECT_EQ(log.Records().size(), row.report ? 1u : 0u);
         EXPECT_EQ(log.Find(2, row.report).size(), row.report ? 1u : 0u);
         Names left = row.rc == 0 ? Names{} : kWorkingFiles;
-        left.push_back(row.rename ? "p.tabnew" : "p.tab");
+        left.push_back("p.tab");
+        if (row.rename)
+            left.push_back("p.tabnew");
         EXPECT_EQ(Existing(dir_.path()), left);
         auto tab = Read(left.back());
         ASSERT_EQ(tab.size(), 2 * Page());
         EXPECT_EQ(ImageLoad32(&tab[file_header::kGeneration]), 1u);
-        bool written = row.rc == 0 || row.rename;
+        bool written = row.rc == 0 || row.rename || row.fsync == FailingDirectoryFsync;
+        if (row.rename) {
+            EXPECT_EQ(Read("p.tab"), old_tab);
+        }
         EXPECT_EQ(memcmp(&tab[32], written ? &image[32] : &old_tab[32], 2 * Page() - 32), 0);
     }
 }
@@ -133,4 +147,22 @@ TEST_F(SyncAllTest, BadPathCreatesNothingAndTouchesNoRegion) {
     EXPECT_EQ(std::make_pair(faults.opens, region_->sync_failed), std::make_pair(0, 0));
     EXPECT_EQ(_LumRegionSync(region_, (too_long + "/").c_str()), LUM_RC_BAD_PATH);
     EXPECT_EQ(std::make_pair(faults.opens, region_->sync_failed), std::make_pair(0, 1));
+}
+
+// Every header a region writes takes the next stamp of one series, so files
+// written within one second still order by time as by generation.
+TEST_F(PersistentTest, HeadersOfOneSecondAreStampedInTheOrderWritten) {
+    LumRegion *region = CreatePersistent();
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(LumRegionCheckpoint(region), 0);
+        LumRegionCommit(region);
+    }
+    ASSERT_EQ(_LumRegionSync(region, dir_.path().c_str()), 0);
+    auto stamp = [&](const char *file) {
+        return static_cast<int32_t>(ImageLoad32(&Read(file)[file_header::kTimestamp]));
+    };
+    EXPECT_GT(stamp("p_1.chk"), stamp("p_0.chk"));
+    EXPECT_GT(stamp("p_1.log"), stamp("p_1.chk")); // zapped by the acknowledging commit
+    EXPECT_GT(stamp("p.tab"), stamp("p_1.log"));
+    EXPECT_EQ(LumRegionClose(region), 0);
 }

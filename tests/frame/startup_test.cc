@@ -208,3 +208,39 @@ TEST(LoadHook, RegistersTheVersionAndTheDebugFacilities) {
         }
     }
 }
+
+// The checkpoint interval is an integer property, 60000 unless set. Its
+// option takes the value from the next argument; a value that is not
+// positive keeps the default, and a bad or missing one stays unparsed.
+TEST(Properties, CheckpointIntervalComesFromItsIntegerOption) {
+    const struct {
+        const char *text; // null: the option ends the command line
+        int32_t rc;
+        int32_t interval;
+    } rows[] = {{"250", 0, 250},
+                {"0", 0, 60000},
+                {"-5", 0, 60000},
+                {"soon", EINVAL, 60000},
+                {nullptr, EINVAL, 60000}};
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.text ? row.text : "missing");
+        LumPropMgr *properties = Properties();
+        LumValue value{};
+        ASSERT_EQ(LumPropMgrGetValue(properties, "Region.CheckpointInterval", &value), 0);
+        EXPECT_EQ(value.type, LUM_VALUE_INTEGER);
+        EXPECT_EQ(value.value.integer, 60000);
+        LumArgMgr *arguments = nullptr;
+        ASSERT_EQ(LumArgMgrCreate(properties, &arguments), 0);
+        ASSERT_EQ(LumRegionArgMgrInitialise(arguments), 0);
+        std::string text = row.text ? row.text : "";
+        char program[] = "host", option[] = "-regioncheckpointinterval";
+        char *argv[] = {program, option, text.data(), nullptr};
+        int argc = row.text ? 3 : 2;
+        EXPECT_EQ(LumArgMgrParse(arguments, &argc, argv), row.rc);
+        EXPECT_EQ(argc, row.rc == 0 ? 1 : (row.text ? 3 : 2));
+        RegionReadProperties(properties);
+        EXPECT_EQ(region_checkpoint_interval, row.interval);
+        LumArgMgrDestroy(arguments);
+        LumPropMgrDestroy(properties);
+    }
+}

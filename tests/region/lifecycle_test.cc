@@ -4,10 +4,11 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 
-#include "region_fixture.h"
+#include "persistent_fixture.h"
 
 namespace {
 
@@ -185,4 +186,32 @@ TEST(RegionClose, WaitsForAVisitInProgress) {
     pass.join();
     closer.join();
     EXPECT_TRUE(closed);
+}
+
+// One handle per region: a create of a name in use is refused and changes
+// none of its files; once the region is closed a create succeeds and starts
+// clean, without the snapshots of the earlier region.
+TEST_F(PersistentTest, CreateOfARegionInUseIsRefusedAndAfterItsCloseStartsClean) {
+    LumRegion *first = CreatePersistent();
+    Change(first, 64, 8, 0x5a);
+    LumRegionCommit(first);
+    ASSERT_EQ(LumRegionCheckpoint(first), 0);
+    ASSERT_EQ(_LumRegionSync(first, dir_.path().c_str()), 0);
+    const std::vector<std::string> files = {"p_0.chk", "p_1.chk", "p_0.log", "p_1.log", "p.tab"};
+    std::vector<std::vector<uint8_t>> before;
+    for (const std::string &file : files)
+        before.push_back(Read(file));
+    LumRegion *second = nullptr;
+    EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, dir_.path().c_str(), &second), LUM_RC_IN_USE);
+    EXPECT_EQ(second, nullptr);
+    for (size_t i = 0; i < files.size(); ++i)
+        EXPECT_EQ(Read(files[i]), before[i]) << files[i];
+
+    ASSERT_EQ(LumRegionClose(first), 0);
+    std::ofstream(Path("p.tabnew")) << "left by a sync that died";
+    ASSERT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, dir_.path().c_str(), &second), 0);
+    EXPECT_FALSE(Exists("p.tab"));
+    EXPECT_FALSE(Exists("p.tabnew"));
+    EXPECT_EQ(Read("p_0.chk").size(), 0u);
+    EXPECT_EQ(LumRegionDrop(second), 0);
 }

@@ -5,9 +5,15 @@
 // States of checkpoint_state, and who moves them:
 //   ACKED    -> RUNNING  _LumRegionCheckpoint starts              (checkpoint)
 //   RUNNING  -> DONE     all pages written, next_generation = G+1 (checkpoint)
-//   RUNNING  -> ACKED    a write failed, next_generation = G+2,
-//                        or G when the checkpoint did not switch  (checkpoint)
-//   DONE     -> ACKED    a commit writes LOG_CHECKPOINT           (commit.cc)
+//   RUNNING  -> ACKED    a write failed: next_generation = G, the
+//                        generation it wrote for, while the log is
+//                        good, else GenerationAfterFailure        (checkpoint)
+//   DONE     -> ACKED    a commit writes LOG_CHECKPOINT, or its log fails:
+//                        next_generation = GenerationAfterFailure (commit.cc)
+//   DONE     -> ACKED    LumRegionOnline's checkpoint fails: as a failed
+//                        acknowledgement                          (commit.cc)
+// A failure never moves the generation onto the parity of the protected
+// generation (GenerationAfterFailure in durable.h says why).
 // Each transition has one writer: the checkpoint leaves ACKED and RUNNING,
 // the commit leaves DONE. next_generation is stored before the state with
 // release order, and read after the state with acquire order, so whoever
@@ -20,7 +26,8 @@
 // in flight; the chk file counts only once a later commit acknowledges it,
 // when the log holds all those records.
 //
-// The thread sleeps on region_checkpoint_event for 60 seconds, or until
+// The thread sleeps on region_checkpoint_event for the interval of the
+// property Region.CheckpointInterval (60 seconds unless set), or until
 // LumRegionShutdown signals it, and then visits every registered region.
 // Lock order: region_registry_mutex, then visit_lock, then the region's
 // mutex, then its handle_mutex. visit_lock is taken with the reference,
@@ -50,8 +57,6 @@ extern "C" void AnnotateIgnoreReadsEnd(const char *file, int line);
 #endif
 
 namespace {
-
-constexpr uint32_t kSleepMilliseconds = 60000;
 
 // The fuzzy read of a page that the writer may be changing is the intended
 // race of a checkpoint; under ThreadSanitizer it is declared as such, and
@@ -210,8 +215,8 @@ int32_t _LumRegionCheckpoint(LumRegion *region) {
     int parity = generation % 2;
 
     bool written = true;
-    if (_LumFileHeaderWriteStamped(region->chk_fd[parity], generation, RegionNextTimestamp(region)) !=
-        0) {
+    if (_LumFileHeaderWriteStamped(region->chk_fd[parity], generation, RegionNextTimestamp(region),
+                                   0) != 0) {
         Report(6, "_LumRegionCheckpoint(): failed to write file header");
         written = false;
     } else {
@@ -219,10 +224,12 @@ int32_t _LumRegionCheckpoint(LumRegion *region) {
     }
 
     if (!written) {
-        // A checkpoint that switched moves on by two, back to this parity, so
-        // the last acknowledged pair stays alone. One that did not switch
-        // retries its own generation, whose log is the only history.
-        uint32_t retry = generation == old_generation ? generation : generation + 2;
+        // While the log is good, the retry stays in this generation and
+        // rewrites its chk file in place: that file is no acknowledged one,
+        // and the log of this generation holds every commit since the switch,
+        // which moving on would zap. A failed log has to move on.
+        bool in_place = region->log_failed.load(std::memory_order_relaxed) == 0;
+        uint32_t retry = in_place ? generation : GenerationAfterFailure(region);
         region->next_generation.store(retry, std::memory_order_relaxed);
         region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_release);
         return LUM_RC_FAILURE;
@@ -268,7 +275,8 @@ uintptr_t _LumCheckpointThread(uintptr_t word) {
     Report(10, "CHKPT: started");
     for (;;) {
         Report(11, "CHKPT: sleeping ...");
-        LumEventTimedWait(region_checkpoint_event, kSleepMilliseconds);
+        LumEventTimedWait(region_checkpoint_event,
+                          static_cast<uint32_t>(region_checkpoint_interval));
         Report(12, "CHKPT: awake");
         if (LumThreadShouldContinue(word) == 0) {
             Report(13, "CHKPT: told to stop during sleep");

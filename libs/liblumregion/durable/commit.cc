@@ -7,12 +7,21 @@
 // A commit cannot fail: a failed log is a state (log_failed) and a report.
 //
 // Acknowledging commit, by what its flush did:
-//   log good         state ACKED; next_generation stays G + 1
-//   log failed       state ACKED; next_generation = G + 2, the chk file
-//                    stays unacknowledged and the next checkpoint rewrites
-//                    it on the same parity
+//   log good         state ACKED; protected_generation = G, next_generation
+//                    stays G + 1
+//   log failed       state ACKED; next_generation = GenerationAfterFailure:
+//                    the chk file stays unacknowledged and the next
+//                    checkpoint rewrites it on the same parity (G + 2), or,
+//                    while none was ever acknowledged and G is even, goes to
+//                    G + 1, so that log 0 keeps the history
 //   region offline   nothing reaches the log, so nothing is acknowledged:
 //                    the state stays DONE
+//
+// Coming online with a failed checkpoint: the offline period is in no log,
+// so the log of this generation fails and the next log to start is marked
+// as following a gap; a finished checkpoint waiting for its acknowledgement
+// is given up as by a failed acknowledgement (the changes made offline are
+// in neither it nor its log), and the region moves on as after any failure.
 #include "durable/durable.h"
 
 namespace {
@@ -27,7 +36,9 @@ void AcknowledgeCheckpoint(LumRegion *region) {
     _LumLogBufferAppend(region, LOG_CHECKPOINT, 0, 0);
     CommitRecords(region);
     if (region->log_failed.load(std::memory_order_relaxed) != 0)
-        region->next_generation.store(generation + 2, std::memory_order_relaxed);
+        region->next_generation.store(GenerationAfterFailure(region), std::memory_order_relaxed);
+    else
+        region->protected_generation.store(generation, std::memory_order_relaxed);
     region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_release);
 }
 
@@ -54,13 +65,17 @@ void LumRegionOffline(LumRegion *region) {
 
 // Coming online checkpoints what changed while the logs saw nothing; the
 // first commit afterwards acknowledges it. A failed checkpoint fails the
-// log, so that commits drop their records until the generation moves on.
+// log (see the head of this file).
 void LumRegionOnline(LumRegion *region) {
     if (region == nullptr)
         return;
     LumMutexLock(region->mutex);
-    if (IsPersistent(region) && _LumRegionCheckpoint(region) != 0)
+    if (IsPersistent(region) && _LumRegionCheckpoint(region) != 0) {
         region->log_failed.store(1, std::memory_order_relaxed);
+        region->log_follows_gap = true;
+        region->next_generation.store(GenerationAfterFailure(region), std::memory_order_relaxed);
+        region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_release);
+    }
     region->online.store(1, std::memory_order_relaxed);
     LumMutexUnlock(region->mutex);
 }

@@ -35,11 +35,12 @@ static_assert(sizeof(DirtyMap) == 4);
 
 // file_io.cc ----------------------------------------------------------------
 
-// Writes a new header for `generation` at offset 0, leaving the file
-// position alone. Returns 0, or -19 when fewer than 32 bytes were written.
-int32_t _LumFileHeaderWrite(int fd, uint32_t generation);
-// The same with a given timestamp in place of the present time.
-int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp);
+// Writes a new header for `generation`, stamped `timestamp` (a region's
+// files take it from RegionNextTimestamp) and carrying `flags` in byte
+// file_header::kFlags (0, or kFollowsGap for a log), at offset 0, leaving
+// the file position alone. Returns 0, or -19 when fewer than 32 bytes were
+// written.
+int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp, uint8_t flags);
 // Reads the 32 header bytes at offset 0 without judging them. 0 or -19.
 int32_t _LumFileHeaderRead(int fd, uint8_t *header);
 
@@ -113,6 +114,24 @@ void _LumDirtyMapSet(DirtyMap *map, uint32_t page);
 uint32_t _LumDirtyMapTake(DirtyMap *map, uint32_t word, uint32_t bits);
 
 // checkpoint.cc -------------------------------------------------------------
+
+// The generation that a failure moves a region on to: the first after the
+// current one whose parity differs from that of protected_generation.
+//
+// protected_generation (P) is the generation of the last acknowledged chk
+// file (set by the commit whose LOG_CHECKPOINT reached the log, and by
+// LumRegionOpen), or 0 while none was acknowledged since the region was
+// created: log 0 holds the whole history then. The chk file and the log of
+// P's parity are what recovery needs after a failure, so a failure never
+// moves to a generation of that parity, whose first checkpoint and flush
+// would rewrite them. Used wherever a failed log moves the generation on:
+// a checkpoint that failed beside a failed log, a failed acknowledgement,
+// and LumRegionOnline failing the log.
+inline uint32_t GenerationAfterFailure(const LumRegion *region) {
+    uint32_t current = region->generation.load(std::memory_order_relaxed);
+    uint32_t protected_parity = region->protected_generation.load(std::memory_order_relaxed) % 2;
+    return current % 2 == protected_parity ? current + 1 : current + 2;
+}
 
 // Writes the pages marked in the map of the next generation's parity to its
 // chk file, switching `generation` first when next_generation differs. The

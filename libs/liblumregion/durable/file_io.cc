@@ -19,10 +19,16 @@
 #include "durable/durable.h"
 #include "platform/platform.h"
 
+// The checkpoint thread stamps a chk file while the host's thread may stamp
+// a log or a snapshot, so the step is one compare-and-swap.
 int32_t RegionNextTimestamp(LumRegion *region) {
     int32_t now = static_cast<int32_t>(time(nullptr));
-    region->last_timestamp = std::max(now, region->last_timestamp + 1);
-    return region->last_timestamp;
+    int32_t last = region->last_timestamp.load(std::memory_order_relaxed);
+    int32_t next;
+    do {
+        next = std::max(now, last + 1);
+    } while (!region->last_timestamp.compare_exchange_weak(last, next, std::memory_order_relaxed));
+    return next;
 }
 
 int32_t _LumFileLock(int fd) {
@@ -39,15 +45,12 @@ ssize_t _LumPwrite(int fd, const void *buffer, uint32_t count, int64_t offset) {
     return lum_platform.pwrite(fd, buffer, count, static_cast<off_t>(offset));
 }
 
-int32_t _LumFileHeaderWrite(int fd, uint32_t generation) {
-    return _LumFileHeaderWriteStamped(fd, generation, static_cast<int32_t>(time(nullptr)));
-}
-
-int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp) {
+int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp, uint8_t flags) {
     uint8_t header[file_header::kSize];
     lum_bzero(header, sizeof header);
     memcpy(header + file_header::kMagic, file_header::kMagicText, 4);
     memcpy(header + file_header::kVersion, file_header::kVersionText, 4);
+    header[file_header::kFlags] = flags;
     ImageStore32(header + file_header::kGeneration, generation);
     ImageStore32(header + file_header::kTimestamp, static_cast<uint32_t>(timestamp));
     ImageStore32(header + file_header::kPageSize, region_page_size);

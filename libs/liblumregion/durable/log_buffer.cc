@@ -19,6 +19,10 @@
 //   3. flushed_generation names the generation whose log the files hold; a
 //      flush that finds generation different restarts ("zaps") the log of
 //      its parity: truncate, new header, position 32.
+//   4. The first log restarted after a failed log (or after a region came
+//      online with its offline changes unlogged) carries kFollowsGap in its
+//      header: records are missing behind its predecessor, and recovery
+//      never replays it there.
 // Only the host's writer appends and flushes; the checkpoint thread moves
 // `generation`, which a flush reads once.
 #include <algorithm>
@@ -53,17 +57,20 @@ uint32_t MaxPayload(const LogBuffer *buffer) {
 }
 
 // Failure of a flush: the buffer's records are lost to the log, and the
-// log stays failed until the generation moves on.
+// log stays failed until the generation moves on. The next log to start
+// follows that gap and says so.
 void FailLog(LumRegion *region, uint32_t generation, int error) {
     LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 1, "Logging failed: \"%s\": %s",
            region->name, strerror(error));
     region->log_failed.store(1, std::memory_order_relaxed);
+    region->log_follows_gap = true;
     region->log_buffer->used = 0;
     region->flushed_generation.store(generation, std::memory_order_relaxed);
 }
 
-// Restarts the log of `parity` for `generation`. 0, or the errno of the
-// failing step.
+// Restarts the log of `parity` for `generation`, its header marked as
+// following a gap when a log failed (or the region came online unlogged)
+// since the last restart. 0, or the errno of the failing step.
 int ZapLog(LumRegion *region, uint32_t generation, int parity) {
     int fd = region->log_fd[parity];
     LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 4,
@@ -75,8 +82,10 @@ int ZapLog(LumRegion *region, uint32_t generation, int parity) {
                strerror(error));
         return error;
     }
-    if (_LumFileHeaderWrite(fd, generation) != 0)
+    uint8_t flags = region->log_follows_gap ? file_header::kFollowsGap : 0;
+    if (_LumFileHeaderWriteStamped(fd, generation, RegionNextTimestamp(region), flags) != 0)
         return errno;
+    region->log_follows_gap = false;
     if (lum_platform.lseek(fd, file_header::kSize, SEEK_SET) != file_header::kSize)
         return errno;
     return 0;

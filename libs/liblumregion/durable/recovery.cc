@@ -157,12 +157,16 @@ bool AdoptFiles(LumRegion *region, RecoveryFileSet *files, const Source &source,
     if (!Adopt(region, files, first, !(chk_source && a_applied), !a_applied) ||
         !Adopt(region, files, first + 1, true, applied != first + 1))
         return false;
+    // The history that a failure must not cost starts with log A, whichever
+    // log the region goes on in.
+    region->protected_generation.store(first, std::memory_order_relaxed);
     if (applied == first) {
         SetGenerations(region, first, first + (chk_source ? 1 : 0), first);
     } else if (applied == first + 1) {
         SetGenerations(region, first + 1, first + 1, first + 1);
     } else {
-        _LumFileHeaderWriteStamped(region->log_fd[first % 2], first, RegionNextTimestamp(region));
+        _LumFileHeaderWriteStamped(region->log_fd[first % 2], first, RegionNextTimestamp(region),
+                                   0);
         SetGenerations(region, first, first, first - 2);
     }
     return true;
@@ -212,11 +216,13 @@ int32_t ProbeAndJudge(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer
         _LumChkCheck(&files->chk[parity], files->log[parity]);
     _LumTabCheck(&files->tab);
     bool unreadable = false;
+    int32_t newest = 0;
     for (const RecoveryFile *file :
          {&files->tab, &files->chk[0], &files->chk[1], &files->log[0], &files->log[1]}) {
-        region->last_timestamp = std::max(region->last_timestamp, file->timestamp);
+        newest = std::max(newest, file->timestamp);
         unreadable = unreadable || file->unreadable;
     }
+    region->last_timestamp.store(newest, std::memory_order_relaxed);
     return unreadable ? LUM_RC_BAD_FILES : 0;
 }
 

@@ -117,7 +117,8 @@ int32_t _LumUseChk(const RecoveryFileSet &set) {
 bool _LumUseLogs(const RecoveryFileSet &set) {
     const RecoveryFile &first = set.log[0];
     return !set.tab.valid && !set.chk[0].valid && !set.chk[1].valid &&
-           first.size > file_header::kSize && first.generation == 0 && first.timestamp != 0;
+           first.size > file_header::kSize && first.generation == 0 && first.timestamp != 0 &&
+           !first.follows_gap; // records of the region's start were lost
 }
 
 bool _LumFileCut(RecoveryFile *file, uint64_t length, uint32_t id, const char *format) {

@@ -3,8 +3,11 @@
 // directory; LumRegionSyncAll syncs every registered persistent region
 // into another one while the regions stay open.
 //
-// A snapshot is written under ".tabnew", forced to disk, and renamed to
-// ".tab"; a failure before the rename never harms the existing .tab file.
+// A snapshot is written under ".tabnew", forced to disk, and renamed over
+// ".tab": the rename replaces the old file in one step, so that at any
+// moment ".tab" is one whole snapshot, the old or the new, and no failure
+// harms the existing one. The directory is then forced to disk, so that
+// the new name lasts as the data does.
 // Its header carries generation + 1, which makes it newer than the chk file
 // of the generation that wrote it. This is the only path of the library
 // that forces data to stable storage.
@@ -21,7 +24,9 @@
 //   image     .tabnew deleted     .tab untouched       sync_failed 1
 //   fsync     .tabnew deleted     .tab untouched       sync_failed 1
 //   close     .tabnew deleted     .tab untouched       sync_failed 1
-//   rename    .tabnew complete    .tab deleted already sync_failed 1
+//   rename    .tabnew complete    .tab untouched       sync_failed 1
+//   directory .tabnew renamed     .tab the new one,    sync_failed 1
+//                                 perhaps not lasting
 // "path" is a directory with which the region's file names do not fit a
 // path buffer; LumRegionSyncAll refuses such a directory before it
 // creates anything.
@@ -61,7 +66,8 @@ int32_t WriteSnapshot(LumRegion *region, const char *tabnew) {
     }
     int error = 0;
     uint32_t body = region->used - file_header::kSize;
-    if (_LumFileHeaderWrite(fd, region->generation.load(std::memory_order_relaxed) + 1) != 0) {
+    uint32_t generation = region->generation.load(std::memory_order_relaxed) + 1;
+    if (_LumFileHeaderWriteStamped(fd, generation, RegionNextTimestamp(region), 0) != 0) {
         error = FailureCode(errno);
         LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 22,
                "Failed to write file header - data has NOT been synced");
@@ -81,8 +87,25 @@ int32_t WriteSnapshot(LumRegion *region, const char *tabnew) {
     return error;
 }
 
-// Writes the snapshot and renames it over the .tab file. 0 or the code of
-// the failing step.
+// Forces the directory's entries (the new name of the snapshot) to disk. 0,
+// or the failure's code after reporting it.
+int32_t ForceDirectory(const char *directory) {
+    const char *path = directory[0] != '\0' ? directory : "."; // empty: the current one
+    errno = 0;
+    int fd = lum_platform.open(path, O_RDONLY | O_DIRECTORY, 0);
+    bool forced = fd >= 0 && lum_platform.fsync(fd) == 0;
+    int error = errno;
+    if (fd >= 0)
+        lum_platform.close(fd);
+    if (forced)
+        return 0;
+    LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 31,
+           "Failed to force directory \"%s\" to disk: %s", path, strerror(error));
+    return FailureCode(error);
+}
+
+// Writes the snapshot, renames it over the .tab file and forces the
+// directory. 0 or the code of the failing step.
 int32_t SyncTo(LumRegion *region, const char *directory) {
     if (!RegionNameAndDirectoryFit(region->name, directory))
         return LUM_RC_BAD_PATH; // the path would lose its end: nothing is opened
@@ -93,9 +116,10 @@ int32_t SyncTo(LumRegion *region, const char *directory) {
     int32_t rc = WriteSnapshot(region, tabnew);
     if (rc != 0)
         return rc;
-    lum_platform.unlink(tab); // there may be none
     errno = 0;
-    return lum_platform.rename(tabnew, tab) == 0 ? 0 : FailureCode(errno);
+    if (lum_platform.rename(tabnew, tab) != 0)
+        return FailureCode(errno);
+    return ForceDirectory(directory);
 }
 
 // Frees the temporary strings of LumRegionSyncAll on every path.

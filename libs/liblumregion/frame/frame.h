@@ -3,7 +3,7 @@
 // sets, and the fixed sizes of names and paths.
 //
 // All globals are zero at load. After a successful start-up the page size,
-// the three property values, the catalogue and region_home never change,
+// the property values, the catalogue and region_home never change,
 // so every thread reads them without a lock. region_debug and
 // region_mutation_debug are written by the runtime at any time and read
 // with relaxed atomic loads at each log call.
@@ -53,6 +53,8 @@ extern int32_t region_protect_all;
 extern int32_t region_write_barrier;
 extern int32_t region_mutation_check;
 extern int32_t region_verify_on_recovery;
+// Milliseconds the checkpoint thread sleeps between its passes.
+extern int32_t region_checkpoint_interval;
 extern LumRegion *region_registry[kRegistrySlots];
 extern LumMutex *region_registry_mutex;
 extern LumEvent *region_checkpoint_event;
@@ -83,8 +85,8 @@ inline int32_t RegionDebug() {
     return __atomic_load_n(&region_debug, __ATOMIC_RELAXED);
 }
 
-// Sets the three property globals from `properties`, in table order; a
-// property that cannot be read takes its default.
+// Sets the property globals from `properties`, in table order; a property
+// that cannot be read takes its default.
 void RegionReadProperties(const LumPropMgr *properties);
 
 // The library's version string, "liblumregion: <version>".

@@ -1,8 +1,11 @@
 // Creating a region: checking the caller's arguments, building the handle
 // and its image, initialising the region header, and making the region
 // known to the registry.
+#include <fcntl.h>
+
 #include "alloc/layout.h"
 #include "durable/write_path.h"
+#include "platform/platform.h"
 #include "region/region.h"
 
 namespace {
@@ -30,21 +33,47 @@ void InitialiseRegionHeader(LumRegion *region) {
     _LumImageMarkDirty(region, base, region_header::kSize);
 }
 
-// Creates the four working files, emptying those of an earlier region of
-// the name; an existing .tab file is left alone. All four are tried.
+// Opens "_0.chk" without emptying it, created if missing, and takes the
+// region's lock on it: one user of a region at a time. The descriptor is
+// chk_fd[0] and holds the lock for the life of the handle. On failure no
+// descriptor is kept and no existing file has changed: -1 when the file
+// cannot be opened, LUM_RC_IN_USE when another user holds the lock, -19
+// when it cannot be taken.
+int32_t LockRegionFiles(LumRegion *region) {
+    char path[kPathBufferSize];
+    RegionFilePath(path, region->directory, region->name, "_0.chk");
+    int fd = lum_platform.open(path, O_RDWR | O_CREAT, 0600);
+    int32_t rc = fd > 0 ? _LumFileLock(fd) : LUM_RC_FILE_CREATE;
+    if (rc != 0) {
+        if (fd >= 0)
+            lum_platform.close(fd);
+        return rc;
+    }
+    region->chk_fd[0] = fd;
+    return 0;
+}
+
+// Under the region's lock: empties the locked "_0.chk", removes the
+// snapshot of an earlier region of the name, and creates (emptying) the
+// other three working files. All steps are tried.
 int32_t CreateWorkingFiles(LumRegion *region) {
-    int32_t failed = 0;
-    failed |= _LumRegionFileCreate(region->name, region->directory, "_0.chk", &region->chk_fd[0]);
+    int32_t failed = lum_platform.ftruncate(region->chk_fd[0], 0) == 0 ? 0 : LUM_RC_FILE_CREATE;
+    char path[kPathBufferSize];
+    for (const char *suffix : {".tab", ".tabnew"}) {
+        RegionFilePath(path, region->directory, region->name, suffix);
+        lum_platform.unlink(path); // there may be none
+    }
     failed |= _LumRegionFileCreate(region->name, region->directory, "_1.chk", &region->chk_fd[1]);
     failed |= _LumRegionFileCreate(region->name, region->directory, "_0.log", &region->log_fd[0]);
     failed |= _LumRegionFileCreate(region->name, region->directory, "_1.log", &region->log_fd[1]);
     return failed == 0 ? 0 : LUM_RC_FILE_CREATE;
 }
 
-// Undoes a region that failed half-way: its files and its image.
+// Undoes a region that failed half-way under its lock: its files (unlinked
+// before the lock goes with the descriptors) and its image.
 int32_t AbandonRegion(LumRegion *region, int32_t rc, LumRegion **out) {
-    _LumRegionCloseFiles(region);
     _LumRegionDeleteFiles(region, 0);
+    _LumRegionCloseFiles(region);
     _LumImageDestroy(region);
     *out = nullptr;
     return rc;
@@ -63,8 +92,13 @@ int32_t _LumRegionNew(const char *name, int32_t type, uint32_t hard_limit, uint3
         return rc;
     }
     if (IsPersistent(region)) {
-        if (int32_t failed = CreateWorkingFiles(region); failed != 0)
-            return AbandonRegion(region, failed, out);
+        if (rc = LockRegionFiles(region); rc != 0) {
+            _LumImageDestroy(region); // no file of the name was changed
+            *out = nullptr;
+            return rc;
+        }
+        if (rc = CreateWorkingFiles(region); rc != 0)
+            return AbandonRegion(region, rc, out);
         // Both chk files are empty: every page differs from both.
         _LumDirtyMapFill(region, 0, 1);
         _LumDirtyMapFill(region, 1, 1);
@@ -72,7 +106,8 @@ int32_t _LumRegionNew(const char *name, int32_t type, uint32_t hard_limit, uint3
     region->checkpointing.store(1, std::memory_order_relaxed);
     region->generation.store(0, std::memory_order_relaxed);
     region->next_generation.store(0, std::memory_order_relaxed);
-    region->flushed_generation.store(99, std::memory_order_relaxed); // differs: first flush zaps
+    region->protected_generation.store(0, std::memory_order_relaxed); // log 0: all history
+    region->flushed_generation.store(99, std::memory_order_relaxed);  // differs: first flush zaps
     region->sync_failed = 0;
     region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_relaxed);
     region->online.store(1, std::memory_order_relaxed); // so that the sizing below is logged

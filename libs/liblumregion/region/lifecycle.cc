@@ -25,9 +25,11 @@ void _LumRegionUnref(LumRegion *region) {
         LumMutexUnlock(region->handle_mutex);
         return;
     }
-    // The last holder: handle_mutex is destroyed held, with the handle.
-    _LumRegionCloseFiles(region);
+    // The last holder: handle_mutex is destroyed held, with the handle. The
+    // files go before the descriptors, and with them the region's lock, so
+    // that no other user can lock and open them in between.
     _LumRegionDeleteFiles(region, region->drop_requested);
+    _LumRegionCloseFiles(region);
     _LumImageDestroy(region);
 }
 

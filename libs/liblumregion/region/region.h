@@ -89,8 +89,10 @@ struct LumRegion {
     std::atomic<uint32_t> next_generation;
     std::atomic<uint32_t> flushed_generation;
     std::atomic<uint32_t> log_failed;
-    int32_t sync_failed;          // the last sync failed: working files stay at close
-    int32_t last_timestamp;       // the newest header timestamp of this region's files
+    std::atomic<uint32_t> protected_generation; // see GenerationAfterFailure (durable.h)
+    bool log_follows_gap;                       // the next log restart marks a gap; writer only
+    int32_t sync_failed;                        // the last sync failed: working files stay at close
+    std::atomic<int32_t> last_timestamp; // the newest header timestamp of this region's files
     std::atomic<uint32_t> checkpoint_state;
     int chk_fd[2];                            // "_0.chk", "_1.chk"; -1 for none
     int log_fd[2];                            // "_0.log", "_1.log"; -1 for none
@@ -183,9 +185,11 @@ inline void _LumOpenChunkProtect(LumRegion *region, uint8_t *chunk, uint32_t siz
 // directory that is not relative to '.' and fits a path with the name.
 bool RegionArgumentsAcceptable(const char *name, int32_t type, const char *directory);
 
-// Builds a region ready for use: the handle and image, the working files of
-// a persistent region, and an initialised region header. Not registered and
-// unreferenced. On failure *region is null and nothing is left behind.
+// Builds a region ready for use: the handle and image, the lock and the
+// working files of a persistent region, and an initialised region header.
+// Not registered and unreferenced. On failure *region is null and nothing
+// is left behind, except an "_0.chk" made for a lock that was refused
+// (LUM_RC_IN_USE).
 int32_t _LumRegionNew(const char *name, int32_t type, uint32_t hard_limit, uint32_t soft_limit,
                       uint32_t largest_record, int32_t protect, const char *directory,
                       LumRegion **region);
