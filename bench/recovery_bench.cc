@@ -2,9 +2,9 @@
 //   OpenFromTab     LumRegionOpen of a region whose 256 MiB image comes from
 //                   its .tab file (verification off), against pread(2) of
 //                   the same bytes into fresh memory;
-//   ReplayLog       the replay of a 256 MiB log of 16-byte changes into a
-//                   16 MiB image, against read(2) of the same file in the
-//                   same blocks.
+//   ReplayLog       the replay of a 256 MiB log of 16-byte or 100-byte
+//                   changes into a 16 MiB image, against read(2) of the
+//                   same file in the same blocks.
 // Both in bytes per second; the files sit in the page cache, as after a
 // crash of the process.
 #include <benchmark/benchmark.h>
@@ -90,10 +90,10 @@ void BM_PreadIntoFreshMemory(benchmark::State &state) {
 }
 BENCHMARK(BM_PreadIntoFreshMemory)->Unit(benchmark::kMillisecond);
 
-// A log of 16-byte changes spread over a 16 MiB image, a commit after
-// every hundred, and a handle to replay it into.
+// A log of changes of `payload` bytes spread over a 16 MiB image, a commit
+// after every hundred, and a handle to replay it into.
 struct ReplayLog {
-    ReplayLog() {
+    explicit ReplayLog(uint32_t payload) {
         StartLibraryOnce();
         std::vector<uint8_t> log(file_header::kSize, 0);
         memcpy(log.data(), file_header::kMagicText, 4);
@@ -103,8 +103,9 @@ struct ReplayLog {
             log_record::StoreHead(&log[at], type, value, length);
         };
         append(LOG_SIZE, kReplayImage, 0);
-        for (uint32_t i = 0; log.size() + 2 * 28 < kLogBytes; ++i) {
-            append(LOG_DATA, (i * 4099u * 16) % (kReplayImage - 16), 16);
+        uint32_t record = log_record::Size(LOG_DATA, payload);
+        for (uint32_t i = 0; log.size() + 2 * record < kLogBytes; ++i) {
+            append(LOG_DATA, (i * 4099u * 16) % (kReplayImage - payload), payload);
             if (i % 100 == 99)
                 append(LOG_COMMIT, 0, 0);
         }
@@ -131,23 +132,24 @@ struct ReplayLog {
     std::vector<uint8_t> buffer;
 };
 
-ReplayLog &Replay() {
-    static ReplayLog replay;
-    return replay;
+// The fixture of a payload size: 16 bytes (a host's field) or 100 (an item).
+ReplayLog &Replay(int64_t payload) {
+    static ReplayLog small(16), items(100);
+    return payload == 16 ? small : items;
 }
 
 void BM_ReplayLog(benchmark::State &state) {
-    ReplayLog &r = Replay();
+    ReplayLog &r = Replay(state.range(0));
     for (auto _ : state) {
         if (_LumLogApply(r.target, r.fd, r.buffer.data(), false) != 0)
             abort();
     }
     state.SetBytesProcessed(state.iterations() * r.bytes);
 }
-BENCHMARK(BM_ReplayLog)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReplayLog)->Arg(16)->Arg(100)->Unit(benchmark::kMillisecond);
 
 void BM_ReadLogBlocks(benchmark::State &state) {
-    ReplayLog &r = Replay();
+    ReplayLog &r = Replay(state.range(0));
     for (auto _ : state) {
         lseek(r.fd, 0, SEEK_SET);
         while (read(r.fd, r.buffer.data(), kLogBlock) == kLogBlock) {
@@ -155,6 +157,6 @@ void BM_ReadLogBlocks(benchmark::State &state) {
     }
     state.SetBytesProcessed(state.iterations() * r.bytes);
 }
-BENCHMARK(BM_ReadLogBlocks)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReadLogBlocks)->Arg(16)->Arg(100)->Unit(benchmark::kMillisecond);
 
 } // namespace

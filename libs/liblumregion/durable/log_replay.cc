@@ -139,21 +139,27 @@ void _LumLogCheck(RecoveryFile *log, uint8_t *buffer) {
 
 int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise) {
     LogReader reader(fd, buffer);
+    uint32_t used = region->used.load(std::memory_order_relaxed);
+    DirtyMaps maps = DirtyMapsOf(region);
     while (const uint8_t *head = reader.Head()) {
         Record record = ReadHead(head);
-        if (!Plausible(record, region->used.load(std::memory_order_relaxed)) ||
-            !reader.Hold(record.Size()))
+        if (!Plausible(record, used) || !reader.Hold(record.Size()))
             return LUM_RC_FAILURE;
         if (record.type == LOG_DATA) {
-            memcpy(region->base + record.value, head + log_record::kHeadSize, record.length);
-            DirtyMapsMarkRange(DirtyMapsOf(region), record.value, record.length);
+            uint8_t *target = region->base + record.value;
+            const uint8_t *payload = head + log_record::kHeadSize;
+            if (record.length <= kShortPayload)
+                CopyShortPayload(target, payload, record.length);
+            else
+                memcpy(target, payload, record.length);
+            DirtyMapsMarkRange(maps, record.value, record.length);
         } else if (record.type == LOG_SIZE) {
-            uint32_t old_used = region->used.load(std::memory_order_relaxed);
             if (int32_t rc = _LumImageSetSize(region, record.value); rc != 0)
                 return rc;
-            uint32_t used = region->used.load(std::memory_order_relaxed);
-            if (used > old_used)
-                _LumPageUnprotect(region, region->base + old_used, used - old_used);
+            uint32_t grown = region->used.load(std::memory_order_relaxed);
+            if (grown > used)
+                _LumPageUnprotect(region, region->base + used, grown - used);
+            used = grown;
         } else if (record.type == LOG_CHECKPOINT && neutralise) {
             uint8_t commit[4];
             ImageStore32(commit, LOG_COMMIT);
