@@ -401,9 +401,10 @@ TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
     }
 }
 
-// A region has one user at a time; a directory with no files has nothing to
-// restore, again and again, and keeps the working files the probes made.
-TEST_F(RecoveryTest, OpenRefusesARegionInUseAndADirectoryWithoutFiles) {
+// A region has one user at a time; an image beyond the soft limit waits for
+// a larger one; a directory with no files has nothing to restore, again and
+// again, and keeps the working files the probes made.
+TEST_F(RecoveryTest, OpenRefusesARegionInUseAnImageTooLargeAndNoFiles) {
     History history;
     history.Step(1);
     auto log_before = lumtest::ReadFile(history.live_dir.path() + "p_0.log");
@@ -414,6 +415,12 @@ TEST_F(RecoveryTest, OpenRefusesARegionInUseAndADirectoryWithoutFiles) {
               LUM_RC_IN_USE);
     EXPECT_TRUE(region == nullptr && base == nullptr);
     EXPECT_EQ(lumtest::ReadFile(history.live_dir.path() + "p_0.log"), log_before);
+    history.Crash();
+    EXPECT_EQ(history.OpenCrash(Page()), LUM_RC_SOFT_LIMIT) << "the image needs more";
+    EXPECT_EQ(history.OpenCrash(), 0) << "and gets it";
+    LumRegionClose(std::exchange(history.opened, nullptr));
+    for (const char *suffix : {".tab", "_0.chk", "_1.chk", "_0.log", "_1.log"})
+        fs::remove(history.Crashed(suffix));
     for (int attempt = 0; attempt < 2; ++attempt) {
         EXPECT_EQ(history.OpenCrash(), LUM_RC_BAD_FILES);
         for (const char *suffix : {"_0.chk", "_1.chk", "_0.log", "_1.log"})
