@@ -1,7 +1,8 @@
 // Recovery, each beside the physical work it cannot avoid, in the same run:
 //   OpenFromTab     LumRegionOpen of a region whose 256 MiB image comes from
 //                   its .tab file (verification off), against pread(2) of
-//                   the same bytes into fresh memory;
+//                   the same bytes into fresh memory, populated first
+//                   (madvise MADV_POPULATE_WRITE) as the open does, or not;
 //   ReplayLog       the replay of a 256 MiB log of 16-byte or 100-byte
 //                   changes into a 16 MiB image, against read(2) of the
 //                   same file in the same blocks.
@@ -79,7 +80,11 @@ void BM_PreadIntoFreshMemory(benchmark::State &state) {
     for (auto _ : state) {
         void *memory = mmap(nullptr, kImageBytes, PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (memory == MAP_FAILED || pread(fd, memory, kImageBytes, 0) != kImageBytes)
+        if (memory == MAP_FAILED)
+            abort();
+        if (state.range(0) != 0)
+            madvise(memory, kImageBytes, MADV_POPULATE_WRITE);
+        if (pread(fd, memory, kImageBytes, 0) != kImageBytes)
             abort();
         state.PauseTiming();
         munmap(memory, kImageBytes);
@@ -88,7 +93,7 @@ void BM_PreadIntoFreshMemory(benchmark::State &state) {
     close(fd);
     state.SetBytesProcessed(state.iterations() * uint64_t{kImageBytes});
 }
-BENCHMARK(BM_PreadIntoFreshMemory)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PreadIntoFreshMemory)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond);
 
 // A log of changes of `payload` bytes spread over a 16 MiB image, a commit
 // after every hundred, and a handle to replay it into.

@@ -13,6 +13,9 @@
 //             addresses stay reserved.
 //   release   gives a whole reservation back.
 //   protect   sets whole pages read-only (writable == 0) or read-write.
+//   populate  puts memory behind committed pages ahead of a bulk fill, so
+//             that the fill takes no page fault per page. Only a matter of
+//             speed: callers ignore a failure.
 //   flush_write_buffers
 //             makes every store that any thread of the process has made
 //             before the call visible to the caller, by having each of
@@ -36,6 +39,7 @@ struct LumPlatform {
     int (*decommit)(void *address, size_t length);
     int (*release)(void *address, size_t length);
     int (*protect)(void *address, size_t length, int writable);
+    int (*populate)(void *address, size_t length);
     uint32_t (*page_size)();
     int (*flush_write_buffers)();
 
@@ -70,6 +74,7 @@ int VmCommit(void *address, size_t length);
 int VmDecommit(void *address, size_t length);
 int VmRelease(void *address, size_t length);
 int VmProtect(void *address, size_t length, int writable);
+int VmPopulate(void *address, size_t length);
 uint32_t VmPageSize();
 int VmFlushWriteBuffers();
 int FileOpen(const char *path, int flags, mode_t mode);

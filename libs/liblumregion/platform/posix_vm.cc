@@ -30,6 +30,10 @@ int VmCommit(void *address, size_t length) {
     return mprotect(address, length, PROT_READ | PROT_WRITE) == 0 ? 0 : errno;
 }
 
+int VmPopulate(void *address, size_t length) {
+    return madvise(address, length, MADV_POPULATE_WRITE) == 0 ? 0 : errno;
+}
+
 int VmDecommit(void *address, size_t length) {
     void *fresh = mmap(address, length, PROT_NONE,
                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);

@@ -15,6 +15,7 @@ const LumPlatform lum_platform_system = {
     .decommit = VmDecommit,
     .release = VmRelease,
     .protect = VmProtect,
+    .populate = VmPopulate,
     .page_size = VmPageSize,
     .flush_write_buffers = VmFlushWriteBuffers,
     .open = FileOpen,
