@@ -182,9 +182,18 @@ void Reopen(Writer *writer, const char *directory) {
     writer->base = static_cast<uint8_t *>(base);
 }
 
+// A commit report carries this bit once the injected write failure has
+// happened: such a commit may be lost.
+constexpr uint32_t kAfterFault = 0x80000000;
+
 void Report(int fd, uint32_t value) {
     if (write(fd, &value, 4) != 4)
         _exit(5);
+}
+
+void ReportCommit(int fd, uint32_t number) {
+    bool faulted = fail_at > 0 && file_operations.load() >= fail_at;
+    Report(fd, number | (faulted ? kAfterFault : 0));
 }
 
 int RunChild(const char *directory, uint64_t seed, int report_fd) {
@@ -203,7 +212,8 @@ int RunChild(const char *directory, uint64_t seed, int report_fd) {
     LumMemLog(writer.segment, root);
     writer.root = static_cast<uint32_t>(static_cast<uint8_t *>(root) - writer.base);
     LumRegionCommit(writer.region);
-    Report(report_fd, writer.root); // commit 0: the empty table
+    Report(report_fd, writer.root); // the first report: where the table is
+    ReportCommit(report_fd, 0);     // commit 0: the empty table
 
     // Checkpoints beside the writer at random moments; a reopen holds the
     // lock, so that no checkpoint meets a region in transit.
@@ -224,7 +234,7 @@ int RunChild(const char *directory, uint64_t seed, int report_fd) {
         for (const Op &op : NextTransaction(random, items))
             writer.Apply(op);
         LumRegionCommit(writer.region);
-        Report(report_fd, number);
+        ReportCommit(report_fd, number);
         if (actions() % 200 == 0) {
             std::lock_guard<std::mutex> hold(in_transit);
             Reopen(&writer, directory);
@@ -244,7 +254,7 @@ struct Options {
 
 struct Tally {
     uint32_t runs = 0, lost_commits = 0, runs_with_loss = 0, inconsistent = 0;
-    uint32_t faulted = 0, faulted_older = 0, open_failures = 0;
+    uint32_t faulted = 0, faulted_lost = 0, faulted_refused = 0, open_failures = 0;
 };
 
 // The items of a recovered region through its root table; nullopt when a
@@ -313,23 +323,9 @@ std::vector<uint32_t> RunToDeath(const std::string &self, const std::string &dir
     return reports;
 }
 
-// Recovers the region of one killed child and counts what was lost.
-void Judge(const std::string &directory, uint64_t seed, const std::vector<uint32_t> &reports,
-           bool fault, Tally *tally) {
-    ++tally->runs;
-    if (reports.empty())
-        return; // died before its first commit: nothing was promised
-    LumRegion *region;
-    void *base;
-    int32_t rc = LumRegionOpen(kName, kLimit, kLimit, 0, 0, directory.c_str(), &region, &base);
-    if (rc != 0) {
-        ++tally->open_failures;
-        fprintf(stderr, "seed %llu: open failed: %d\n", static_cast<unsigned long long>(seed), rc);
-        if (region)
-            LumRegionClose(region);
-        return;
-    }
-    uint32_t last = static_cast<uint32_t>(reports.size() - 1); // the first report is the root
+// The index of the committed state that `items` equal, among the states
+// after commits 0 to last + 1 of the seed's workload; -1 for none.
+int64_t CommittedState(uint64_t seed, uint32_t last, const std::optional<Items> &items) {
     std::mt19937_64 random(seed);
     Items model(kSlots);
     std::vector<uint64_t> hashes{Hash(model)};
@@ -337,30 +333,58 @@ void Judge(const std::string &directory, uint64_t seed, const std::vector<uint32
         NextTransaction(random, model);
         hashes.push_back(Hash(model));
     }
+    auto found = items ? std::find(hashes.rbegin(), hashes.rend(), Hash(*items)) : hashes.rend();
+    return found == hashes.rend() ? -1 : hashes.rend() - found - 1;
+}
+
+// Recovers the region of one killed child and counts what was lost. The
+// promise: the last commit reported, or with a failed write the last one
+// reported before it, survives, and the region equals a committed state.
+void Judge(const std::string &directory, uint64_t seed, const std::vector<uint32_t> &reports,
+           bool fault, Tally *tally) {
+    ++tally->runs;
+    if (reports.size() < 2)
+        return; // died before its first commit: nothing was promised
+    uint32_t last = reports.back() & ~kAfterFault;
+    int64_t promised = -1;
+    for (size_t i = 1; i < reports.size(); ++i)
+        if ((reports[i] & kAfterFault) == 0)
+            promised = reports[i];
+    auto say = [seed](const char *what, int64_t value) {
+        fprintf(stderr, "seed %llu: %s %lld\n", static_cast<unsigned long long>(seed), what,
+                static_cast<long long>(value));
+    };
+    LumRegion *region;
+    void *base;
+    int32_t rc = LumRegionOpen(kName, kLimit, kLimit, 0, 0, directory.c_str(), &region, &base);
+    if (rc != 0) {
+        if (region)
+            LumRegionClose(region);
+        if (promised < 0) {
+            ++tally->faulted_refused; // the write failed before anything was durable
+            return;
+        }
+        ++tally->open_failures;
+        say("open failed:", rc);
+        return;
+    }
     LumRegionInfo info;
     LumRegionGetInfo(region, &info);
-    auto items = RecoveredItems(static_cast<uint8_t *>(base), info.used, reports.front());
-    auto found = items ? std::find(hashes.rbegin(), hashes.rend(), Hash(*items)) : hashes.rend();
-    if (found == hashes.rend()) {
+    int64_t recovered = CommittedState(
+        seed, last, RecoveredItems(static_cast<uint8_t *>(base), info.used, reports.front()));
+    uint32_t lost = recovered < promised ? static_cast<uint32_t>(promised - recovered) : 0;
+    tally->faulted += fault;
+    if (recovered < 0) {
         ++tally->inconsistent;
-        fprintf(stderr, "seed %llu: the recovered items equal no committed state\n",
-                static_cast<unsigned long long>(seed));
-    } else {
-        uint32_t recovered = static_cast<uint32_t>(hashes.rend() - found - 1);
-        uint32_t lost = recovered < last ? last - recovered : 0;
-        if (fault) {
-            ++tally->faulted;
-            tally->faulted_older += lost > 0;
-        } else if (lost > 0) {
-            tally->lost_commits += lost;
-            ++tally->runs_with_loss;
-            fprintf(stderr, "seed %llu: %u commits lost\n", static_cast<unsigned long long>(seed),
-                    lost);
-        }
+        say("the recovered items equal no committed state; last commit", last);
+    } else if (lost > 0 && fault) {
+        ++tally->faulted_lost;
+        say("commits lost beside a failed write:", lost);
+    } else if (lost > 0) {
+        tally->lost_commits += lost;
+        ++tally->runs_with_loss;
+        say("commits lost:", lost);
     }
-    LumSegment *segment;
-    if (LumSegmentOpen(region, 0, &segment) == 0)
-        LumSegmentClose(segment);
     LumRegionClose(region);
 }
 
@@ -396,8 +420,9 @@ int RunParent(const Options &options, const std::string &self) {
            tally.runs, tally.lost_commits, tally.runs_with_loss, tally.inconsistent,
            tally.open_failures);
     if (options.faults)
-        printf(", with a failed write %u (older than the last report: %u)", tally.faulted,
-               tally.faulted_older);
+        printf("; with a failed write: %u recovered (%u lost a commit made before the failure),"
+               " %u refused with nothing durable",
+               tally.faulted, tally.faulted_lost, tally.faulted_refused);
     printf("\n");
     return tally.lost_commits == 0 && tally.inconsistent == 0 && tally.open_failures == 0 ? 0 : 1;
 }
