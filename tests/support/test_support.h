@@ -85,8 +85,7 @@ class TempDir {
 int RunInChild(const std::function<int()> &body);
 
 // Runs `access` in a forked child that turns SIGSEGV and SIGBUS into an
-// exit with kFaultExit: true when the access faulted.
-inline constexpr int kFaultExit = 77;
+// exit of its own: true when the access faulted.
 bool FaultsInChild(const std::function<void()> &access);
 // The exit code of a child that exited normally, -1 otherwise.
 int ExitCode(int status);
@@ -117,7 +116,7 @@ struct VmRecorder {
 };
 
 // Makes chosen file calls fail while it lives; every other call goes to the
-// system. Counts the calls it sees.
+// system. Counts the writes and opens it sees.
 struct FileFaults {
     FileFaults();
     ~FileFaults() { active_ = nullptr; }
@@ -127,7 +126,7 @@ struct FileFaults {
     std::string fail_open_suffix; // opens of paths ending so fail with EACCES
     bool fail_rename = false;     // renames fail with EXDEV
     bool fail_ftruncate = false;  // truncates fail with EIO
-    int writes = 0, opens = 0, renames = 0, ftruncates = 0, fsyncs = 0;
+    int writes = 0, opens = 0;
 
   private:
     // A write (or pwrite) through `pass`, unless it is the one that fails.
@@ -138,6 +137,5 @@ struct FileFaults {
 
 // The whole content of a file; empty when it cannot be read.
 std::vector<uint8_t> ReadFile(const std::string &path);
-bool FileExists(const std::string &path);
 
 } // namespace lumtest
