@@ -76,7 +76,7 @@ TEST(RsExceptionTest, RaiseRecordsLogsAndCallsTheHandlerUntilCleared) {
               0);
     LumThreadExceptionSetHandler(nullptr, nullptr);
     EXPECT_EQ(seen, std::vector<std::string>{"Insert failed"});
-    EXPECT_EQ(capture.records, std::vector<std::string>{
+    EXPECT_EQ(capture.Lines(), std::vector<std::string>{
                                    "4 0/0 Exception RegionHash: Insert failed (Invalid chunk)"});
     LumException pending{};
     ASSERT_EQ(LumThreadExceptionGet(&pending), 0);

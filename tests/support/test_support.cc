@@ -1,6 +1,5 @@
 #include "test_support.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <signal.h>
@@ -8,18 +7,6 @@
 #include <unistd.h>
 
 namespace lumtest {
-
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "lumtest-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr)
-        abort();
-    path_ = pattern + "/";
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
 
 int RunInChild(const std::function<int()> &body) {
     fflush(nullptr);
