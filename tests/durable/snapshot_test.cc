@@ -14,7 +14,7 @@ const Names kWorkingFiles = {"p_0.chk", "p_1.chk", "p_0.log", "p_1.log"};
 Names Existing(const std::string &dir, const std::string &name = "p") {
     Names found;
     for (const char *suffix : {"_0.chk", "_1.chk", "_0.log", "_1.log", ".tab", ".tabnew"})
-        if (lumtest::FileExists(dir + name + suffix))
+        if (std::filesystem::exists(dir + name + suffix))
             found.push_back(name + suffix);
     return found;
 }

@@ -30,7 +30,7 @@ TEST(RsLogTest, RecordsFollowTheSwitchAndTakeCatalogueTextsOfTheSameArguments) {
         LumLog(severity, 0, nullptr, 3, 7, "at %d", severity);
     LumLog(LUM_LOG_FAILURE, 1, catalog, 2, 14, "default %s %d", "r1", 3);
     LumLog(LUM_LOG_FAILURE, 1, catalog, 2, 15, "default %s", "kept");
-    EXPECT_EQ(capture.records,
+    EXPECT_EQ(capture.Lines(),
               (std::vector<std::string>{"1 2/2 trace 2", "2 3/7 at 2", "3 3/7 at 3", "4 3/7 at 4",
                                         "5 3/7 at 5", "4 2/14 Region r1 has 3 pages",
                                         "4 2/15 default kept"}));
@@ -49,7 +49,7 @@ TEST(RsLogTest, RecordsFollowTheSwitchAndTakeCatalogueTextsOfTheSameArguments) {
 // process opens once: the writing happens in a child, from two threads.
 TEST(RsLogTest, RecordsWithoutASinkGoWholeLinesToTheLogFile) {
     TempDir dir;
-    std::string path = dir.path() + "/log";
+    std::string path = dir.path() + "log";
     pid_t child = fork();
     if (child == 0) {
         setenv("LUM_LOG_FILE", path.c_str(), 1);

@@ -43,17 +43,18 @@ TEST(RsPropertiesTest, ValuesAreTypedCopiesSetDirectlyFromTextOrFromAFile) {
 
     rs_test::TempDir dir;
     const std::string path =
-        dir.write("store.properties", "  # settings\n  Store.Mode =  careful  # comment\n"
+        dir.Write("store.properties", "  # settings\n  Store.Mode =  careful  # comment\n"
                                       "no equals sign\nStore.Unknown=1\n\nStore.Verify= off\n");
     rs_test::LogCapture capture;
     EXPECT_EQ(LumPropMgrLoadFile(properties, path.c_str()), EINVAL);
     EXPECT_EQ(Shown(properties, "Store.Mode") + ", " + Shown(properties, "Store.Verify"),
               "7 careful, 4 0");
-    ASSERT_EQ(capture.records.size(), 2u);
-    EXPECT_EQ(capture.records[0].find("4 "), 0u) << capture.records[0];
-    EXPECT_NE(capture.records[0].find(", line 3:"), std::string::npos) << capture.records[0];
-    EXPECT_NE(capture.records[1].find(", line 4:"), std::string::npos) << capture.records[1];
-    EXPECT_EQ(LumPropMgrLoadFile(properties, (dir.path() + "/absent").c_str()), ENOENT);
+    std::vector<std::string> lines = capture.Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].find("4 "), 0u) << lines[0];
+    EXPECT_NE(lines[0].find(", line 3:"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[1].find(", line 4:"), std::string::npos) << lines[1];
+    EXPECT_EQ(LumPropMgrLoadFile(properties, (dir.path() + "absent").c_str()), ENOENT);
     LumPropMgrDestroy(properties);
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -48,14 +49,6 @@ inline std::vector<ParsedRecord> BufferRecords(const LumRegion *region, uint32_t
     return ParseLog(bytes);
 }
 
-// The lengths of `records`, in order.
-inline std::vector<uint32_t> LengthsOf(const std::vector<ParsedRecord> &records) {
-    std::vector<uint32_t> lengths;
-    for (const ParsedRecord &record : records)
-        lengths.push_back(record.length);
-    return lengths;
-}
-
 class PersistentTest : public RegionTest {
   protected:
     LumRegion *CreatePersistent(const char *name = "p", uint32_t hard_limit = 4 * kMiB,
@@ -73,7 +66,7 @@ class PersistentTest : public RegionTest {
     std::vector<uint8_t> Read(const std::string &file) const {
         return lumtest::ReadFile(Path(file));
     }
-    bool Exists(const std::string &file) const { return lumtest::FileExists(Path(file)); }
+    bool Exists(const std::string &file) const { return std::filesystem::exists(Path(file)); }
 
     // Appends a commit and writes the buffer, as a commit does.
     static void Commit(LumRegion *region) {

@@ -1,6 +1,5 @@
 #include "test_support.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <signal.h>
@@ -8,18 +7,6 @@
 #include <unistd.h>
 
 namespace lumtest {
-
-TempDir::TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "lumtest-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr)
-        abort();
-    path_ = pattern + "/";
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
 
 int RunInChild(const std::function<int()> &body) {
     fflush(nullptr);
@@ -32,6 +19,7 @@ int RunInChild(const std::function<int()> &body) {
 }
 
 bool FaultsInChild(const std::function<void()> &access) {
+    constexpr int kFaultExit = 77;
     int status = RunInChild([&] {
         struct sigaction action {};
         action.sa_handler = [](int) { _exit(kFaultExit); };
@@ -82,10 +70,8 @@ template <typename Pass> ssize_t FileFaults::Write(size_t count, Pass pass) {
     return -1;
 }
 
-// Counts a call of `counter` and fails it with `error` when `fails`, else
-// passes it on.
-template <typename Pass> static int CountOrFail(int &counter, bool fails, int error, Pass pass) {
-    ++counter;
+// Fails a call with `error` when `fails`, else passes it on.
+template <typename Pass> static int FailOrPass(bool fails, int error, Pass pass) {
     if (!fails)
         return pass();
     errno = error;
@@ -103,31 +89,23 @@ FileFaults::FileFaults() {
     };
     lum_platform.open = [](const char *path, int flags, mode_t mode) {
         const std::string &suffix = active_->fail_open_suffix;
-        bool fails = !suffix.empty() && std::string_view(path).ends_with(suffix);
-        return CountOrFail(active_->opens, fails, EACCES,
-                           [&] { return lum_platform_system.open(path, flags, mode); });
+        ++active_->opens;
+        return FailOrPass(!suffix.empty() && std::string_view(path).ends_with(suffix), EACCES,
+                          [&] { return lum_platform_system.open(path, flags, mode); });
     };
     lum_platform.rename = [](const char *from, const char *to) {
-        return CountOrFail(active_->renames, active_->fail_rename, EXDEV,
-                           [&] { return lum_platform_system.rename(from, to); });
+        return FailOrPass(active_->fail_rename, EXDEV,
+                          [&] { return lum_platform_system.rename(from, to); });
     };
     lum_platform.ftruncate = [](int fd, off_t length) {
-        return CountOrFail(active_->ftruncates, active_->fail_ftruncate, EIO,
-                           [&] { return lum_platform_system.ftruncate(fd, length); });
-    };
-    lum_platform.fsync = [](int fd) {
-        return CountOrFail(active_->fsyncs, false, 0,
-                           [&] { return lum_platform_system.fsync(fd); });
+        return FailOrPass(active_->fail_ftruncate, EIO,
+                          [&] { return lum_platform_system.ftruncate(fd, length); });
     };
 }
 
 std::vector<uint8_t> ReadFile(const std::string &path) {
     std::ifstream file(path, std::ios::binary);
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(file), {});
-}
-
-bool FileExists(const std::string &path) {
-    return std::filesystem::exists(path);
 }
 
 } // namespace lumtest

@@ -1,53 +1,18 @@
-// Shared helpers of the library's test suites: a log sink that captures
-// records, guards that swap platform entries or schedule lum_malloc
-// failures and put things back, a private temporary directory, and a way
-// to run a piece of a test in a child process.
+// Shared helpers of the library's test suites: guards that swap platform
+// entries or schedule lum_malloc failures and put things back, and a way to
+// run a piece of a test in a child process; with those of capture.h.
 #pragma once
 
 #include <cerrno>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "lum_rs.h"
+#include "capture.h"
 #include "platform/platform.h"
 
 namespace lumtest {
-
-struct LogRecord {
-    int32_t severity;
-    uint32_t set;
-    uint32_t id;
-    std::string text;
-};
-
-// Captures every log record while it lives.
-class LogCapture {
-  public:
-    LogCapture() { LumLogSetSink(&LogCapture::Sink, this); }
-    ~LogCapture() { LumLogSetSink(nullptr, nullptr); }
-    std::vector<LogRecord> Records() const {
-        std::lock_guard<std::mutex> hold(mutex_);
-        return records_;
-    }
-    // Records with this catalogue set and id.
-    std::vector<LogRecord> Find(uint32_t set, uint32_t id) const {
-        std::vector<LogRecord> found = Records();
-        std::erase_if(found, [&](const LogRecord &r) { return r.set != set || r.id != id; });
-        return found;
-    }
-
-  private:
-    static void Sink(void *context, int32_t severity, uint32_t set, uint32_t id, const char *text) {
-        auto *self = static_cast<LogCapture *>(context);
-        std::lock_guard<std::mutex> hold(self->mutex_);
-        self->records_.push_back({severity, set, id, text});
-    }
-    mutable std::mutex mutex_;
-    std::vector<LogRecord> records_;
-};
 
 // Restores the whole platform table when it goes out of scope, so a test
 // may replace any entries it likes.
@@ -68,25 +33,12 @@ struct MallocFailure {
     ~MallocFailure() { lum_malloc_fail_at(0); }
 };
 
-// A fresh directory under the system's temporary directory, removed with
-// its files on scope exit. path() ends in '/'.
-class TempDir {
-  public:
-    TempDir();
-    ~TempDir();
-    const std::string &path() const { return path_; }
-
-  private:
-    std::string path_;
-};
-
 // Runs `body` in a forked child and returns its exit status as waitpid
 // reports it. The child exits with body's result, or dies of a signal.
 int RunInChild(const std::function<int()> &body);
 
 // Runs `access` in a forked child that turns SIGSEGV and SIGBUS into an
-// exit with kFaultExit: true when the access faulted.
-inline constexpr int kFaultExit = 77;
+// exit of its own: true when the access faulted.
 bool FaultsInChild(const std::function<void()> &access);
 // The exit code of a child that exited normally, -1 otherwise.
 int ExitCode(int status);
@@ -117,7 +69,7 @@ struct VmRecorder {
 };
 
 // Makes chosen file calls fail while it lives; every other call goes to the
-// system. Counts the calls it sees.
+// system. Counts the writes and opens it sees.
 struct FileFaults {
     FileFaults();
     ~FileFaults() { active_ = nullptr; }
@@ -127,7 +79,7 @@ struct FileFaults {
     std::string fail_open_suffix; // opens of paths ending so fail with EACCES
     bool fail_rename = false;     // renames fail with EXDEV
     bool fail_ftruncate = false;  // truncates fail with EIO
-    int writes = 0, opens = 0, renames = 0, ftruncates = 0, fsyncs = 0;
+    int writes = 0, opens = 0;
 
   private:
     // A write (or pwrite) through `pass`, unless it is the one that fails.
@@ -138,6 +90,5 @@ struct FileFaults {
 
 // The whole content of a file; empty when it cannot be read.
 std::vector<uint8_t> ReadFile(const std::string &path);
-bool FileExists(const std::string &path);
 
 } // namespace lumtest
