@@ -192,7 +192,7 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         SCOPED_TRACE(row.what);
         History history;
         row.build(history);
-        if (!lumtest::FileExists(history.Crashed("_0.chk")))
+        if (!fs::exists(history.Crashed("_0.chk")))
             history.Crash();
         lumtest::LogCapture log;
         ASSERT_EQ(history.OpenCrash(), row.rc);
@@ -426,6 +426,6 @@ TEST_F(RecoveryTest, OpenRefusesARegionInUseAnImageTooLargeAndNoFiles) {
         EXPECT_EQ(history.OpenCrash(), LUM_RC_BAD_FILES);
         for (const char *suffix : {"_0.chk", "_1.chk", "_0.log", "_1.log"})
             EXPECT_EQ(history.Size(suffix), 0u) << suffix;
-        EXPECT_FALSE(lumtest::FileExists(history.Crashed(".tab")));
+        EXPECT_FALSE(fs::exists(history.Crashed(".tab")));
     }
 }
