@@ -78,8 +78,8 @@ BENCHMARK(BM_OpenFromTab)->Unit(benchmark::kMillisecond);
 void BM_PreadIntoFreshMemory(benchmark::State &state) {
     int fd = open(Tab().path.c_str(), O_RDONLY);
     for (auto _ : state) {
-        void *memory = mmap(nullptr, kImageBytes, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void *memory =
+            mmap(nullptr, kImageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (memory == MAP_FAILED)
             abort();
         if (state.range(0) != 0)

@@ -63,7 +63,6 @@ Texts Reported(const lumtest::LogCapture &log, uint32_t id) {
     return texts;
 }
 
-
 } // namespace
 
 class CheckpointTest : public PersistentTest {
@@ -278,8 +277,7 @@ TEST_F(CheckpointTest, ConcurrentWriterAndCheckpointsLeaveFilesThatRestoreTheIma
     LumRegion *recovered;
     void *base;
     int32_t verify = std::exchange(region_verify_on_recovery, 0); // an image without segments
-    ASSERT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, crash.path().c_str(), &recovered,
-                            &base),
+    ASSERT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, crash.path().c_str(), &recovered, &base),
               0);
     region_verify_on_recovery = verify;
     ASSERT_EQ(recovered->used.load(), region_->used.load());

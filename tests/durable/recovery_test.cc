@@ -74,9 +74,8 @@ struct History {
         LumSegmentClose(segment);
         ASSERT_EQ(LumRegionClose(live), 0);
         void *base;
-        ASSERT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, live_dir.path().c_str(), &live,
-                                &base),
-                  0);
+        ASSERT_EQ(
+            LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, live_dir.path().c_str(), &live, &base), 0);
         ASSERT_EQ(LumSegmentOpen(live, 0, &segment), 0);
     }
     std::string Crash() {
@@ -176,8 +175,8 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         {"a snapshot newer than chk 1 by both",
          [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 2, 1); }, 0, 15, 1, 3},
         {"a snapshot and chk 1 of equal generation",
-         [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 1, 1); }, LUM_RC_BAD_FILES, 0,
-         0, 0},
+         [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 1, 1); }, LUM_RC_BAD_FILES, 0, 0,
+         0},
         {"a snapshot and chk 1 ordered opposite ways",
          [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 2, -1); }, LUM_RC_BAD_FILES, 0,
          0, 0},
@@ -206,7 +205,6 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         EXPECT_EQ(LumRegionVerify(history.opened), 0);
     }
 }
-
 
 // An acknowledged chk file found damaged is cut, and the log that
 // acknowledged it is kept in the generation the region goes on in: its
@@ -287,16 +285,16 @@ TEST_F(RecoveryTest, TheScanTrustsALogUpToItsLastCommitBeforeTheFirstBadRecord) 
         {"a torn head", Log(good).Commit().Cut(5), true, false, good.End(), none},
         {"a torn payload", Log(good).Data(8).Commit().Cut(14), true, false, good.End(), none},
         {"an unknown type", Log(good).Record(4).Commit(), true, false, good.End(), none},
-        {"a size with a length", Log(good).Record(LOG_SIZE, 0, 4).Commit(), true, false,
-         good.End(), none},
+        {"a size with a length", Log(good).Record(LOG_SIZE, 0, 4).Commit(), true, false, good.End(),
+         none},
         {"a commit with a length", Log(good).Record(LOG_COMMIT, 0, 4).Commit(), true, false,
          good.End(), none},
         {"data of length 0", Log(good).Data(0).Commit(), true, false, good.End(), none},
         {"data beyond the last size", Log(good).Size(8).Data(4, 5).Commit(), true, false,
          good.End(), none},
         {"data before any size", Log().Data(4).Commit(), true, false, head, none},
-        {"a payload beyond the largest record", Log(good).Data(log_record::kMaxPayload + 1).Commit(),
-         true, false, good.End(), none},
+        {"a payload beyond the largest record",
+         Log(good).Data(log_record::kMaxPayload + 1).Commit(), true, false, good.End(), none},
         {"an acknowledgement and its commit", ack, true, true, ack.End(), head + 12},
         {"an acknowledgement without commit", Log(good).Record(LOG_CHECKPOINT), true, true,
          good.End(), none},
@@ -326,45 +324,25 @@ TEST_F(RecoveryTest, TheScanTrustsALogUpToItsLastCommitBeforeTheFirstBadRecord) 
 // the same files restores the committed state.
 namespace {
 int calls, fail_at;
-// The call that fails, with the errno it fails with.
-bool Fails(int error) {
-    if (++calls != fail_at)
-        return false;
-    errno = error;
-    return true;
-}
+// A platform entry whose fail_at-th call fails with kError.
+template <auto kEntry, int kError> struct Failing;
+template <typename R, typename... Args, R (*LumPlatform::*kEntry)(Args...), int kError>
+struct Failing<kEntry, kError> {
+    static R Call(Args... args) {
+        if (++calls != fail_at)
+            return (lum_platform_system.*kEntry)(args...);
+        errno = kError;
+        return R(-1);
+    }
+};
 } // namespace
 
 TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
-    struct Fault {
-        const char *what;
-        void (*install)();
-    };
-    const Fault faults[] = {
-        {"read",
-         [] {
-             lum_platform.pread = [](int fd, void *buffer, size_t count, off_t offset) {
-                 return Fails(EIO) ? -1 : lum_platform_system.pread(fd, buffer, count, offset);
-             };
-         }},
-        {"truncate",
-         [] {
-             lum_platform.ftruncate = [](int fd, off_t length) {
-                 return Fails(EIO) ? -1 : lum_platform_system.ftruncate(fd, length);
-             };
-         }},
-        {"open",
-         [] {
-             lum_platform.open = [](const char *path, int flags, mode_t mode) {
-                 return Fails(EACCES) ? -1 : lum_platform_system.open(path, flags, mode);
-             };
-         }},
-        {"stat",
-         [] {
-             lum_platform.stat = [](const char *path, struct stat *info) {
-                 return Fails(EIO) ? -1 : lum_platform_system.stat(path, info);
-             };
-         }},
+    const std::pair<const char *, void (*)()> faults[] = {
+        {"read", [] { lum_platform.pread = Failing<&LumPlatform::pread, EIO>::Call; }},
+        {"truncate", [] { lum_platform.ftruncate = Failing<&LumPlatform::ftruncate, EIO>::Call; }},
+        {"open", [] { lum_platform.open = Failing<&LumPlatform::open, EACCES>::Call; }},
+        {"stat", [] { lum_platform.stat = Failing<&LumPlatform::stat, EIO>::Call; }},
         {"malloc", [] { lum_malloc_fail_at(fail_at), calls = -1; }},
     };
     History history;
@@ -372,15 +350,15 @@ TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
     history.Step(2);
     history.Step(3, false);
     _LumLogBufferFlush(history.live); // an uncommitted tail to cut
-    for (const Fault &fault : faults) {
+    for (const auto &[what, install] : faults) {
         for (fail_at = 1;; ++fail_at) {
-            SCOPED_TRACE(std::string(fault.what) + " " + std::to_string(fail_at));
+            SCOPED_TRACE(std::string(what) + " " + std::to_string(fail_at));
             history.Crash();
             int32_t rc;
             {
                 lumtest::PlatformGuard guard;
                 calls = 0;
-                fault.install();
+                install();
                 rc = history.OpenCrash();
                 lum_malloc_fail_at(0);
             }
@@ -411,8 +389,8 @@ TEST_F(RecoveryTest, OpenRefusesARegionInUseAnImageTooLargeAndNoFiles) {
     auto log_before = lumtest::ReadFile(history.live_dir.path() + "p_0.log");
     LumRegion *region = reinterpret_cast<LumRegion *>(1);
     void *base = &region;
-    EXPECT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, history.live_dir.path().c_str(),
-                            &region, &base),
+    EXPECT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, history.live_dir.path().c_str(), &region,
+                            &base),
               LUM_RC_IN_USE);
     EXPECT_TRUE(region == nullptr && base == nullptr);
     EXPECT_EQ(lumtest::ReadFile(history.live_dir.path() + "p_0.log"), log_before);

@@ -22,8 +22,8 @@
 // region came back consistent.
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -162,7 +162,8 @@ struct Writer {
                 _exit(3);
             memcpy(item, op.bytes.data(), op.bytes.size());
             LumMemLog(segment, item);
-            LumMemLogCpyInt(segment, slot, static_cast<int32_t>(static_cast<uint8_t *>(item) - base));
+            LumMemLogCpyInt(segment, slot,
+                            static_cast<int32_t>(static_cast<uint8_t *>(item) - base));
         } else if (op.kind == kChange) {
             LumMemLogCpy(segment, base + *slot + op.at, op.bytes.data(), op.bytes.size());
         } else {
@@ -288,8 +289,8 @@ std::vector<uint32_t> RunToDeath(const std::string &self, const std::string &dir
     if (child == 0) {
         close(pipe_fds[0]);
         std::string fd = std::to_string(pipe_fds[1]);
-        execl(self.c_str(), self.c_str(), "child", directory.c_str(),
-              std::to_string(seed).c_str(), fd.c_str(), die.c_str(), fail.c_str(), nullptr);
+        execl(self.c_str(), self.c_str(), "child", directory.c_str(), std::to_string(seed).c_str(),
+              fd.c_str(), die.c_str(), fail.c_str(), nullptr);
         _exit(2);
     }
     close(pipe_fds[1]);
@@ -416,9 +417,8 @@ int RunParent(const Options &options, const std::string &self) {
             fprintf(stderr, "  its files stay in %s\n", directory.c_str());
     }
     LumRegionShutdown();
-    printf("kills %u, lost commits %u (in %u kills), inconsistent %u, failed opens %u",
-           tally.runs, tally.lost_commits, tally.runs_with_loss, tally.inconsistent,
-           tally.open_failures);
+    printf("kills %u, lost commits %u (in %u kills), inconsistent %u, failed opens %u", tally.runs,
+           tally.lost_commits, tally.runs_with_loss, tally.inconsistent, tally.open_failures);
     if (options.faults)
         printf("; with a failed write: %u recovered (%u lost a commit made before the failure),"
                " %u refused with nothing durable",

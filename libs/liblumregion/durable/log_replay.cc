@@ -26,9 +26,7 @@ class LogReader {
     LogReader(int fd, uint8_t *buffer) : fd_(fd), buffer_(buffer) {}
 
     // The head of the next record, or null when fewer than 12 bytes remain.
-    const uint8_t *Head() {
-        return Hold(log_record::kHeadSize) ? buffer_ + offset_ : nullptr;
-    }
+    const uint8_t *Head() { return Hold(log_record::kHeadSize) ? buffer_ + offset_ : nullptr; }
     // True when `size` bytes from the current record on are in the buffer,
     // after reading the next block from the record's head if they were not.
     bool Hold(uint32_t size) {
@@ -39,20 +37,12 @@ class LogReader {
         ReadBlock();
         return size <= filled_;
     }
-    void Skip(uint32_t size) {
-        offset_ += size;
-    }
+    void Skip(uint32_t size) { offset_ += size; }
     // File offset of the current record.
-    uint64_t Position() const {
-        return position_ + offset_;
-    }
+    uint64_t Position() const { return position_ + offset_; }
     // The last record ended exactly at the end of the file.
-    bool AtEnd() const {
-        return last_ && !failed_ && offset_ == filled_;
-    }
-    bool ReadFailed() const {
-        return failed_;
-    }
+    bool AtEnd() const { return last_ && !failed_ && offset_ == filled_; }
+    bool ReadFailed() const { return failed_; }
 
   private:
     void ReadBlock() {
@@ -77,9 +67,7 @@ struct Record {
     uint32_t type;
     uint32_t length;
     uint32_t value;
-    uint32_t Size() const {
-        return log_record::Size(type, length);
-    }
+    uint32_t Size() const { return log_record::Size(type, length); }
 };
 
 Record ReadHead(const uint8_t *head) {

@@ -71,8 +71,8 @@ int32_t RestoreImage(LumRegion *region, const RecoveryFile &file) {
 }
 
 bool CutLog(LumRegion *region, RecoveryFile *log, uint32_t id, const char *format) {
-    LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 18,
-           "Truncating log %d for %s", static_cast<int>(log->generation), region->name);
+    LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 18, "Truncating log %d for %s",
+           static_cast<int>(log->generation), region->name);
     return _LumFileCut(log, log->commit_end, id, format);
 }
 
@@ -89,8 +89,8 @@ int32_t Apply(LumRegion *region, const RecoveryFile &log, uint8_t *buffer, bool 
 
 // Picks, cuts and replays the logs that follow the source. *applied is the
 // generation of the last log applied, or first + kNoLogApplied.
-int32_t ChooseLogs(LumRegion *region, RecoveryFileSet *files, const Source &source,
-                   uint8_t *buffer, uint32_t *applied) {
+int32_t ChooseLogs(LumRegion *region, RecoveryFileSet *files, const Source &source, uint8_t *buffer,
+                   uint32_t *applied) {
     RecoveryFile *a = nullptr, *b = nullptr;
     for (RecoveryFile &log : files->log) { // on equal generations, index 1 wins
         if (log.valid && log.generation == source.first)
@@ -150,8 +150,7 @@ void SetGenerations(LumRegion *region, uint32_t generation, uint32_t next, uint3
 // otherwise. With no log applied, the log of `first` restarts at once with
 // a fresh header, and flushed_generation differs so that the first flush
 // starts it again.
-bool AdoptFiles(LumRegion *region, RecoveryFileSet *files, const Source &source,
-                uint32_t applied) {
+bool AdoptFiles(LumRegion *region, RecoveryFileSet *files, const Source &source, uint32_t applied) {
     uint32_t first = source.first;
     bool chk_source = source.chk_parity >= 0;
     bool a_applied = applied == first || applied == first + 1;

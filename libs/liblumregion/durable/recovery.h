@@ -19,10 +19,10 @@ inline constexpr uint64_t kNoCheckpoint = 0xFFFFFFFF;
 // size), header read (generation, timestamp, follows_gap), judged (the
 // verdicts).
 struct RecoveryFile {
-    int fd = -1;             // -1 when not open
-    uint64_t size = 0;       // by stat before the open; 0 when stat failed
-    uint32_t generation = 0; // from the header; 0 until one was read
-    int32_t timestamp = 0;   // from the header; 0 until one was read
+    int fd = -1;              // -1 when not open
+    uint64_t size = 0;        // by stat before the open; 0 when stat failed
+    uint32_t generation = 0;  // from the header; 0 until one was read
+    int32_t timestamp = 0;    // from the header; 0 until one was read
     bool follows_gap = false; // logs: the header's kFollowsGap flag
     // A stat, header read or scan read failed with an I/O error: nothing may
     // be concluded from this file's verdicts, or a good file would be cut.
