@@ -129,6 +129,7 @@ int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise
     LogReader reader(fd, buffer);
     uint32_t used = region->used.load(std::memory_order_relaxed);
     DirtyMaps maps = DirtyMapsOf(region);
+    uint32_t marked_page = UINT32_MAX; // nothing clears a mark during a replay
     while (const uint8_t *head = reader.Head()) {
         Record record = ReadHead(head);
         if (!Plausible(record, used) || !reader.Hold(record.Size()))
@@ -140,7 +141,12 @@ int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise
                 CopyShortPayload(target, payload, record.length);
             else
                 memcpy(target, payload, record.length);
-            DirtyMapsMarkRange(maps, record.value, record.length);
+            uint32_t first = record.value >> maps.page_shift;
+            if (first != marked_page ||
+                (record.value + record.length - 1) >> maps.page_shift != first) {
+                DirtyMapsMarkRange(maps, record.value, record.length);
+                marked_page = first;
+            }
         } else if (record.type == LOG_SIZE) {
             if (int32_t rc = _LumImageSetSize(region, record.value); rc != 0)
                 return rc;
