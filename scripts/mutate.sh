@@ -62,7 +62,7 @@ mkdir -p "$build" "$(dirname "$out")"
 : >"$out"
 
 rebuild() {
-    cmake --build "$build" --target region_test startup_test >"$build/build.log" 2>&1
+    cmake --build "$build" --target region_test startup_test lumregion-torture >"$build/build.log" 2>&1
 }
 
 # Runs the whole suite; true when every test passed before the deadline.
