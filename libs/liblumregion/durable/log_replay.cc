@@ -6,9 +6,9 @@
 //
 // The scan trusts nothing: the first record that could not have been
 // written by a region (an unknown type, a length where none belongs, data
-// beyond the image size of the last LOG_SIZE, a payload beyond
-// kMaxPayload) ends it, and the log counts only up to its last LOG_COMMIT
-// before that. The replay applies only what a scan accepted and the cut
+// beyond the image size of the last LOG_SIZE, a record longer than a block,
+// whose payload exceeds kMaxPayload) ends it, and the log counts only up to
+// its last LOG_COMMIT before that. The replay applies only what a scan accepted and the cut
 // left, but checks the bounds of each write again: it never writes outside
 // the image, whatever the file holds by then.
 #include <cerrno>
@@ -76,12 +76,12 @@ Record ReadHead(const uint8_t *head) {
 }
 
 // Whether a region could have written `record` to a log whose last LOG_SIZE
-// was `image_size`.
+// was `image_size`. A payload beyond kMaxPayload is refused by the reader,
+// which never holds a record longer than a block.
 bool Plausible(const Record &record, uint32_t image_size) {
     switch (record.type) {
     case LOG_DATA:
-        return record.length != 0 && record.length <= log_record::kMaxPayload &&
-               uint64_t{record.value} + record.length <= image_size;
+        return record.length != 0 && uint64_t{record.value} + record.length <= image_size;
     case LOG_SIZE:
     case LOG_CHECKPOINT:
     case LOG_COMMIT:
