@@ -102,6 +102,9 @@ struct History {
 
 class RecoveryTest : public PersistentTest {};
 
+// A word of page 0 behind the region header that nothing else writes.
+constexpr uint32_t kUncommitted = 4000;
+
 // What open restores, by the files that survive: each row builds a history
 // through the API, crashes, damages what it names, and opens the copy.
 TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
@@ -151,6 +154,18 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
              Store32(h.Crash() + "p_1.chk", file_header::kMagic, 0);
          },
          0, 16, 3, 1},
+        {"log 1 follows a failed log: never replayed behind its gap",
+         [](History &h) {
+             h.Checkpoint(1);
+             {
+                 lumtest::FileFaults faults;
+                 faults.fail_write_at = 1;
+                 h.Step(2);
+             }
+             h.Checkpoint(3);
+             Store32(h.Crash() + "p_1.chk", file_header::kMagic, 0);
+         },
+         0, 16, 1, 0},
         {"a snapshot alone",
          [](History &h) {
              h.Step(4);
@@ -201,9 +216,12 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         EXPECT_EQ(LumRegionVerify(history.opened), 0);
 
         // The first checkpoint after the open rewrites nothing that the open
-        // needed: a crash after its first page recovers the same state. (A
-        // chk file cut by the open is rewritten in place beside the log that
-        // once acknowledged it; that acknowledgement must be gone.)
+        // needed, though its pages hold a change no commit covers: a crash
+        // after its first page recovers the same state. (A chk file cut by
+        // the open is rewritten in place beside the log that once
+        // acknowledged it; that acknowledgement must be gone.)
+        LumSegment opened{history.opened, nullptr};
+        LumMemLogCpyInt(&opened, history.opened->base + kUncommitted, 99);
         static std::string from, to;
         lumtest::TempDir second;
         from = history.crash_dir.path(), to = second.path();
@@ -221,6 +239,7 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         ASSERT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, to.c_str(), &again, &base), 0);
         EXPECT_EQ(ImageLoad32(again->base + history.counter_offset),
                   static_cast<uint32_t>(row.counter));
+        EXPECT_EQ(ImageLoad32(again->base + kUncommitted), 0u);
         LumRegionClose(again);
     }
 }
