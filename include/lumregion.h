@@ -120,7 +120,7 @@ extern "C" {
 #define LUM_RC_SOFT_ABOVE_HARD (-409)  /**< "Tried to increase soft limit beyond hard limit" */
 #define LUM_RC_SOFT_BELOW_USED                                                                     \
     (-410) /**< "Tried to decrease soft limit to less than current size of region" */
-#define LUM_RC_BAD_FILES (-411)        /**< "Invalid data files" (reserved for recovery) */
+#define LUM_RC_BAD_FILES (-411)        /**< "Invalid data files": no consistent image to open */
 #define LUM_RC_BAD_PATH (-412)         /**< "Path is invalid" */
 #define LUM_RC_SEGMENTS_REMAIN (-413)  /**< "Segment(s) remain in region" */
 #define LUM_RC_IN_USE (-414)           /**< "Region is in use" */
