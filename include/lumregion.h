@@ -507,6 +507,25 @@ LUMREGION_API int32_t LumMemFree(LumSegment *segment, void *pointer);
 /** The bytes usable at @p pointer, at least what was asked; 0 for null. */
 LUMREGION_API uint32_t LumMemGetSize(void *pointer);
 
+/** A cursor over the live chunks of a segment (LumSegmentScanBegin). */
+typedef struct LumSegmentScan LumSegmentScan;
+
+/** Starts a scan of the live chunks of @p segment, in the order of its
+ *  extents (the primary one, then the secondary ones from the newest) and
+ *  by rising address inside each. The scan reads the image only; the host
+ *  must not allocate or free in the segment while the scan is open.
+ *  @return 0 with *scan set; -19 for a null argument or no memory. */
+LUMREGION_API int32_t LumSegmentScanBegin(LumSegment *segment, LumSegmentScan **scan);
+
+/** The next live chunk: *pointer is what LumMemAlloc gave for it.
+ *  @return 0; -19 with *pointer null at the end of the scan, and on every
+ *  call after it. A damaged image ends the scan: it is never read outside
+ *  itself. */
+LUMREGION_API int32_t LumSegmentScanNext(LumSegmentScan *scan, void **pointer);
+
+/** Releases the cursor, after the end or before it. @return 0. */
+LUMREGION_API int32_t LumSegmentScanEnd(LumSegmentScan *scan);
+
 /** Walks the image of @p region and proves its structure: the segment
  *  count equals the entries of the segment map in use, extents tile the
  *  image in page multiples, every live segment stands in the segment map,

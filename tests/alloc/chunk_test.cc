@@ -304,3 +304,39 @@ TEST_P(AllocTest, RandomRunKeepsTheModelAndAVerifiableImage) {
     EXPECT_EQ(FiguresOf(segments[0])[6] + FiguresOf(segments[1])[6] + FiguresOf(segments[2])[6],
               live.size());
 }
+
+// The scan returns each live chunk once, the primary extent's first and
+// then those of the secondary extents from the newest, skipping free ones;
+// after its end it stays ended, and a damaged tag ends it inside the image.
+TEST_P(AllocTest, ScanWalksLiveChunksByExtentFromTheNewest) {
+    auto scan_all = [](LumSegment *segment) {
+        std::vector<void *> found;
+        LumSegmentScan *scan;
+        EXPECT_EQ(LumSegmentScanBegin(segment, &scan), 0);
+        void *pointer = &found;
+        while (LumSegmentScanNext(scan, &pointer) == 0)
+            found.push_back(pointer);
+        EXPECT_EQ(pointer, nullptr);
+        EXPECT_EQ(LumSegmentScanNext(scan, &pointer), LUM_RC_FAILURE) << "stays ended";
+        EXPECT_EQ(LumSegmentScanEnd(scan), 0);
+        return found;
+    };
+    LumSegment *segment = Segment(Page(), Page());
+    EXPECT_TRUE(scan_all(segment).empty());
+    std::vector<void *> chunks; // 1 in the primary extent, 2 in each secondary
+    for (int i = 0; i < 5; ++i)
+        chunks.push_back(Alloc(segment, 1500));
+    EXPECT_EQ(FiguresOf(segment)[1], 3u) << "extents";
+    EXPECT_EQ(scan_all(segment),
+              (std::vector<void *>{chunks[0], chunks[3], chunks[4], chunks[1], chunks[2]}));
+    ASSERT_EQ(LumMemFree(segment, chunks[3]), 0);
+    EXPECT_EQ(scan_all(segment), (std::vector<void *>{chunks[0], chunks[4], chunks[1], chunks[2]}));
+
+    uint8_t *tag = static_cast<uint8_t *>(chunks[4]) - 4;
+    uint32_t saved = ImageLoad32(tag);
+    _LumPageUnprotect(region_, tag, 4);
+    ImageStore32(tag, 0x7ffffff8); // a size far beyond the extent
+    EXPECT_EQ(scan_all(segment), (std::vector<void *>{chunks[0]}));
+    ImageStore32(tag, saved);
+    _LumPageProtect(region_, tag, 4);
+}
