@@ -668,6 +668,106 @@ LUMREGION_API void LumMemLog(LumSegment *segment, void *pointer);
  *  pages, when some other change marks them or a sync writes the image. */
 LUMREGION_API void LumMemNoLog(LumSegment *segment, void *pointer);
 
+/* ---------------------------------------------------------------------- */
+/* Persistent list                                                        */
+/* ---------------------------------------------------------------------- */
+
+/* A doubly linked list in the image: a 28-byte header and nodes, all
+ * allocations in a segment of the host's. A list has no handle and owns no
+ * segment: the host keeps the header's pointer (or its offset) and passes
+ * what each operation needs. Links are 32-bit offsets from @p base, which
+ * must be the same in every call on a list, in every run: pass the base
+ * that LumRegionCreate or LumRegionOpen gave, and the list survives a
+ * restart at another address.
+ *
+ * Nodes are handed around by their user pointer, the address of the host's
+ * data; the two words before it are the links. A node is on one list or on
+ * none; moving it takes a delete and an insert. LumRegListHead and
+ * LumRegListTail give positions before the first and behind the last node,
+ * which hold no data and serve only as a position for the inserts and
+ * LumRegListDeleteNext and as a node for LumRegListNext and LumRegListPrev.
+ *
+ * Every change goes through the logged writes (an insert or a delete costs
+ * five logged words), and nothing commits. The host orders all calls on a
+ * list. Beyond null pointers nothing is checked: a position on no list, a
+ * node on another list or a node inserted twice damage the list.
+ *
+ * Reports are severity 4, set 102, id 0. */
+
+/** The header of a persistent list, in the image. */
+typedef struct LumRegList LumRegList;
+
+/** Called by LumRegListFlush and LumRegListDestroy for each node taken off
+ *  the list, with the node's user pointer. The node is on no list and the
+ *  walk has left it, so the callback may free it. Its result is ignored. */
+typedef int32_t (*LumRegListCallback)(LumSegment *segment, void *node, void *argument);
+
+/** Makes an empty list in @p segment, logged whole.
+ *  @return the list; null when it cannot be allocated, reported as
+ *  "LumRegListCreate: Failed to allocate memory for region list. <reason>". */
+LUMREGION_API LumRegList *LumRegListCreate(LumSegment *segment, void *base);
+
+/** Takes every node off @p list, first to last, leaving each on no list,
+ *  and calls @p callback (may be null) for it with @p argument. The nodes
+ *  stay allocated unless the callback frees them. */
+LUMREGION_API void LumRegListFlush(LumSegment *segment, void *base, LumRegList *list,
+                                   LumRegListCallback callback, void *argument);
+
+/** LumRegListFlush, then frees the header. @return the code of LumMemFree. */
+LUMREGION_API int32_t LumRegListDestroy(LumSegment *segment, void *base, LumRegList *list,
+                                        LumRegListCallback callback, void *argument);
+
+/** A new node on no list with @p size bytes of data, logged whole and
+ *  protected again: write the data with the logged writes.
+ *  @return its user pointer; null when it cannot be allocated (also for a
+ *  size within 8 bytes of 4 GiB), after raising the exception "RegionList"
+ *  "Failed to allocate persistent list entry" with the text of the
+ *  allocator's code as its value (LumThreadExceptionRaise). */
+LUMREGION_API void *LumRegListAlloc(LumSegment *segment, void *base, uint32_t size);
+
+/** Frees a node of LumRegListAlloc without unlinking it: take it off its
+ *  list first. @return the code of LumMemFree; -19 for a null node. */
+LUMREGION_API int32_t LumRegListFree(LumSegment *segment, void *node);
+
+/** Links @p node, which is on no list, in behind (After) or ahead of
+ *  (Before) @p position, a node of @p list or its head or tail. */
+LUMREGION_API void LumRegListInsertAfter(LumSegment *segment, void *base, LumRegList *list,
+                                         void *node, void *position);
+LUMREGION_API void LumRegListInsertBefore(LumSegment *segment, void *base, LumRegList *list,
+                                          void *node, void *position);
+
+/** Takes @p node off @p list and leaves it on no list, allocated. */
+LUMREGION_API void LumRegListDelete(LumSegment *segment, void *base, LumRegList *list,
+                                    void *node);
+
+/** Takes the node behind @p position off @p list, as LumRegListDelete does.
+ *  @return its user pointer; null, writing nothing, when no node stands
+ *  behind @p position (the last node, the head of an empty list). */
+LUMREGION_API void *LumRegListDeleteNext(LumSegment *segment, void *base, LumRegList *list,
+                                         void *position);
+
+/** The first and the last node; null for an empty list. */
+LUMREGION_API void *LumRegListFirst(void *base, LumRegList *list);
+LUMREGION_API void *LumRegListLast(void *base, LumRegList *list);
+
+/** The positions before the first and behind the last node; never null
+ *  for a list. */
+LUMREGION_API void *LumRegListHead(void *base, LumRegList *list);
+LUMREGION_API void *LumRegListTail(void *base, LumRegList *list);
+
+/** The node behind or ahead of @p node (a node or a position); null at
+ *  the end of the list and for a node on no list. */
+LUMREGION_API void *LumRegListNext(void *base, void *node);
+LUMREGION_API void *LumRegListPrev(void *base, void *node);
+
+/** The node at @p index, counted from 0 by a walk from the front.
+ *  @return null for an index below 0 or not below the count, reported as
+ *  "LumRegListNth: Node is out of range.". */
+LUMREGION_API void *LumRegListNth(void *base, LumRegList *list, int32_t index);
+
+/** The number of nodes on @p list; 0 for null. */
+LUMREGION_API uint32_t LumRegListNumItems(LumRegList *list);
+
 #ifdef __cplusplus
 }
 #endif
