@@ -1,6 +1,5 @@
-// The persistent list: a seeded model test against std::list across
-// commits, closes and opens at another base; the words of the image; and
-// the failures of allocation.
+// The persistent list: a seeded model against std::list across reopens at
+// another base, the words of the image, and failed allocations.
 #include <list>
 #include <random>
 #include <sys/mman.h>
@@ -9,90 +8,26 @@
 
 namespace {
 
-// A flush callback that frees each node it is given.
-struct Freeing {
-    void *base;
-    int freed;
-};
-int32_t FreeNode(LumSegment *segment, void *node, void *argument) {
-    auto *freeing = static_cast<Freeing *>(argument);
-    EXPECT_EQ(LumRegListNext(freeing->base, node), nullptr); // taken off already
-    ++freeing->freed;
+std::vector<uint32_t> Words(const void *at, int count) {
+    std::vector<uint32_t> words(count);
+    memcpy(words.data(), at, 4 * count);
+    return words;
+}
+
+int32_t Value(const void *node) {
+    return static_cast<int32_t>(ImageLoad32(static_cast<const uint8_t *>(node)));
+}
+
+// The values from `node` on in the direction of `step`; at most bound + 1.
+std::vector<int32_t> Walk(void *base, void *node, void *(*step)(void *, void *), size_t bound) {
+    std::vector<int32_t> values;
+    for (; node != nullptr && values.size() <= bound; node = step(base, node))
+        values.push_back(Value(node));
+    return values;
+}
+
+int32_t FreeNode(LumSegment *segment, void *node, void *) {
     return LumRegListFree(segment, node);
-}
-
-int32_t Value(void *node) {
-    return static_cast<int32_t>(ImageLoad32(static_cast<uint8_t *>(node)));
-}
-
-// A persistent region "p" with one segment and a list whose base is the
-// image's, so that it survives a reopen at another address.
-struct ListHost {
-    ListHost() {
-        EXPECT_EQ(LumRegionCreate("p", LUM_REGION_PERSISTENT, 8 * kMiB, 8 * kMiB, 0, 0,
-                                  Dir(0).c_str(), &region, &base),
-                  0);
-        EXPECT_EQ(LumSegmentCreate(region, 65536, 65536, 0, 0, &segment), 0);
-        list_offset = Offset(LumRegListCreate(segment, base));
-    }
-    ~ListHost() {
-        LumSegmentClose(segment);
-        LumRegionClose(region);
-    }
-    // Commits, and opens the region again where its old base is taken: from
-    // the snapshot of a close, or from a copy of its files as a crash right
-    // after the commit leaves them (the live region then closes unused).
-    void Reopen(bool crash) {
-        LumRegionCommit(region);
-        if (crash) {
-            for (const auto &file : std::filesystem::directory_iterator(Dir(1)))
-                std::filesystem::remove(file);
-            std::filesystem::copy(Dir(0), Dir(1));
-        }
-        LumSegmentClose(segment);
-        void *old_base = base;
-        LumRegionClose(region);
-        current = crash ? 1 - current : current;
-        void *held = mmap(old_base, region_page_size, PROT_NONE,
-                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-        ASSERT_EQ(LumRegionOpen("p", 8 * kMiB, 8 * kMiB, 0, 0, Dir(0).c_str(), &region, &base), 0);
-        ASSERT_EQ(LumSegmentOpen(region, 0, &segment), 0);
-        EXPECT_NE(base, old_base);
-        munmap(held, region_page_size);
-    }
-    uint32_t Offset(void *at) const {
-        return static_cast<uint32_t>(static_cast<uint8_t *>(at) - static_cast<uint8_t *>(base));
-    }
-    void *At(uint32_t offset) const { return static_cast<uint8_t *>(base) + offset; }
-    LumRegList *List() const { return static_cast<LumRegList *>(At(list_offset)); }
-    uint32_t LogUsed() const { return region->log_buffer->used; }
-    // The region's directory (0) and the other one (1).
-    const std::string &Dir(int which) const { return dirs[(current + which) % 2].path(); }
-
-    lumtest::TempDir dirs[2];
-    int current = 0;
-    LumRegion *region = nullptr;
-    void *base = nullptr;
-    LumSegment *segment = nullptr;
-    uint32_t list_offset = 0;
-};
-
-// The whole list, both ways and at both ends, against the model.
-void ExpectListIs(const ListHost &host, const std::list<int32_t> &model) {
-    void *base = host.base;
-    LumRegList *list = host.List();
-    ASSERT_EQ(LumRegListNumItems(list), model.size());
-    std::vector<int32_t> forward, backward;
-    for (void *node = LumRegListFirst(base, list); node && forward.size() <= model.size();
-         node = LumRegListNext(base, node))
-        forward.push_back(Value(node));
-    for (void *node = LumRegListLast(base, list); node && backward.size() <= model.size();
-         node = LumRegListPrev(base, node))
-        backward.push_back(Value(node));
-    EXPECT_EQ(forward, std::vector<int32_t>(model.begin(), model.end()));
-    EXPECT_EQ(backward, std::vector<int32_t>(model.rbegin(), model.rend()));
-    EXPECT_EQ(LumRegListNext(base, LumRegListHead(base, list)), LumRegListFirst(base, list));
-    EXPECT_EQ(LumRegListPrev(base, LumRegListTail(base, list)), LumRegListLast(base, list));
 }
 
 } // namespace
@@ -100,203 +35,173 @@ void ExpectListIs(const ListHost &host, const std::list<int32_t> &model) {
 class ListTest : public PersistentTest {};
 
 TEST_F(ListTest, FollowsAModelAcrossReopensAtAnotherBase) {
-    ListHost host;
-    lumtest::LogCapture log;
+    lumtest::TempDir dirs[2];
+    int current = 0;
+    LumRegion *region;
+    uint8_t *base;
+    LumSegment *segment;
+    ASSERT_EQ(LumRegionCreate("p", LUM_REGION_PERSISTENT, 8 * kMiB, 8 * kMiB, 0, 0,
+                              dirs[0].path().c_str(), &region, reinterpret_cast<void **>(&base)),
+              0);
+    ASSERT_EQ(LumSegmentCreate(region, 65536, 65536, 0, 0, &segment), 0);
+    auto list_at =
+        static_cast<uint32_t>(reinterpret_cast<uint8_t *>(LumRegListCreate(segment, base)) - base);
     std::mt19937 random(14);
+    auto pick = [&](int32_t bound) { return static_cast<int32_t>(random() % bound); };
     std::list<int32_t> model;
-    std::vector<uint32_t> loose; // offsets of nodes on no list, with their values
+    std::vector<uint32_t> flushed; // offsets of nodes that a flush left on no list
     int32_t next_value = 1, out_of_range = 0;
-    Freeing freeing{};
-    auto pick = [&](size_t bound) { return static_cast<int32_t>(random() % bound); };
-    for (int step = 1; step <= 2400; ++step) {
-        void *base = host.base;
-        LumRegList *list = host.List();
+    lumtest::LogCapture log;
+    for (int step = 1; step <= 2400 && !HasFatalFailure(); ++step) {
+        auto *list = reinterpret_cast<LumRegList *>(base + list_at);
         auto size = static_cast<int32_t>(model.size());
-        int32_t at = pick(size + 1) - 1; // -1: the head or tail position
-        auto model_at = std::next(model.begin(), at < 0 ? 0 : at);
-        void *node = at < 0 ? nullptr : LumRegListNth(base, list, at);
-        int32_t op = pick(10);
-        if (op >= 7) // the list grows to about 30 nodes and stays there
-            op = size < 30 ? 0 : 7;
-        switch (op) {
-        case 0:
-        case 1:
-        case 2:
-        case 3: { // insert a new or a loose node after a position
-            void *added;
-            if (!loose.empty() && pick(2) == 0) {
-                added = host.At(loose.back());
-                loose.pop_back();
-            } else {
-                added = LumRegListAlloc(host.segment, base, 4);
-                LumMemLogCpyInt(host.segment, added, next_value++);
+        int32_t index = pick(size + 1) - 1; // -1: the head or the tail
+        auto model_at = std::next(model.begin(), std::max(index, 0));
+        void *node = index < 0 ? nullptr : LumRegListNth(base, list, index);
+        uint32_t log_used = region->log_buffer->used;
+        int32_t op = pick(10) >= 7 ? (size < 30 ? 0 : 6) : pick(7); // about 30 nodes
+        if (op <= 3) { // insert after or before a node, the head or the tail
+            void *added = LumRegListAlloc(segment, base, 4);
+            LumMemLogCpyInt(segment, added, next_value);
+            if (op % 2 == 0)
+                LumRegListInsertAfter(segment, base, list, added,
+                                      node ? node : LumRegListHead(base, list));
+            else
+                LumRegListInsertBefore(segment, base, list, added,
+                                       node ? node : LumRegListTail(base, list));
+            model.insert(op % 2 ? (node ? model_at : model.end())
+                                : (node ? std::next(model_at) : model.begin()),
+                         next_value++);
+        } else if (op == 4) { // delete-next; with nothing behind it writes nothing
+            void *taken =
+                LumRegListDeleteNext(segment, base, list, node ? node : LumRegListHead(base, list));
+            auto behind = node ? std::next(model_at) : model.begin();
+            EXPECT_EQ(taken ? Value(taken) : 0, behind == model.end() ? 0 : *behind);
+            EXPECT_EQ(region->log_buffer->used == log_used, behind == model.end());
+            if (taken != nullptr && behind != model.end()) {
+                model.erase(behind);
+                EXPECT_EQ(LumRegListFree(segment, taken), 0);
             }
-            bool after = pick(2) == 0;
-            void *position = node    ? node
-                             : after ? LumRegListHead(base, list)
-                                     : LumRegListTail(base, list);
-            if (after) {
-                LumRegListInsertAfter(host.segment, base, list, added, position);
-                model.insert(at < 0 ? model.begin() : std::next(model_at), Value(added));
-            } else {
-                LumRegListInsertBefore(host.segment, base, list, added, position);
-                model.insert(at < 0 ? model.end() : model_at, Value(added));
-            }
-            break;
-        }
-        case 4: { // delete-next, also with nothing behind the position
-            void *position = node ? node : LumRegListHead(base, list);
-            uint32_t used = host.LogUsed();
-            void *taken = LumRegListDeleteNext(host.segment, base, list, position);
-            auto behind = at < 0 ? model.begin() : std::next(model_at);
-            if (behind == model.end()) {
-                EXPECT_EQ(taken, nullptr);
-                EXPECT_EQ(host.LogUsed(), used);
-                break;
-            }
-            ASSERT_NE(taken, nullptr);
-            EXPECT_EQ(Value(taken), *behind);
-            model.erase(behind);
-            loose.push_back(host.Offset(taken));
-            break;
-        }
-        case 5: // nth out of range
+        } else if (op == 5) {
             EXPECT_EQ(LumRegListNth(base, list, pick(2) ? -1 - pick(5) : size + pick(5)), nullptr);
             ++out_of_range;
-            break;
-        case 6: // flush, rarely, with or without a callback
-            if (pick(6) == 0) {
-                uint32_t used = host.LogUsed();
-                std::vector<void *> nodes;
-                for (void *n = LumRegListFirst(base, list); n; n = LumRegListNext(base, n))
-                    nodes.push_back(n);
-                freeing = {base, 0};
-                bool with_callback = pick(2) == 0;
-                LumRegListFlush(host.segment, base, list, with_callback ? FreeNode : nullptr,
-                                &freeing);
-                EXPECT_EQ(freeing.freed, with_callback ? size : 0);
-                if (size == 0) { // an empty list's flush writes nothing
-                    EXPECT_EQ(host.LogUsed(), used);
-                }
-                for (void *n : with_callback ? std::vector<void *>{} : nodes) {
-                    EXPECT_EQ(LumRegListPrev(base, n), nullptr);
-                    loose.push_back(host.Offset(n));
-                }
-                model.clear();
-            }
-            break;
-        default: // delete a node, then free it or keep it for another insert
-            if (node == nullptr)
-                break;
-            LumRegListDelete(host.segment, base, list, node);
+        } else if (node != nullptr) {
+            LumRegListDelete(segment, base, list, node);
             EXPECT_EQ(LumRegListNext(base, node), nullptr);
             EXPECT_EQ(LumRegListPrev(base, node), nullptr);
             model.erase(model_at);
-            if (pick(2) == 0)
-                EXPECT_EQ(LumRegListFree(host.segment, node), 0);
-            else
-                loose.push_back(host.Offset(node));
+            EXPECT_EQ(LumRegListFree(segment, node), 0);
+        } else if (pick(4) == 0) { // flush, freeing the nodes or leaving them on no list
+            bool keep = pick(2) == 0;
+            for (void *n = LumRegListFirst(base, list); n && keep; n = LumRegListNext(base, n))
+                flushed.push_back(static_cast<uint32_t>(static_cast<uint8_t *>(n) - base));
+            LumRegListFlush(segment, base, list, keep ? nullptr : FreeNode, nullptr);
+            log_used = region->log_buffer->used; // empty now: neither call writes
+            LumRegListFlush(segment, base, list, FreeNode, nullptr);
+            EXPECT_EQ(LumRegListDeleteNext(segment, base, list, LumRegListHead(base, list)),
+                      nullptr);
+            EXPECT_EQ(region->log_buffer->used, log_used);
+            model.clear();
         }
-        ExpectListIs(host, model);
-        if (step % 300 == 0) {
-            host.Reopen(step % 600 == 300);
-            ExpectListIs(host, model);
-            ASSERT_EQ(LumRegionVerify(host.region), 0);
+        if (step % 300 == 0) { // commit; open again from the snapshot or from a crash's files
+            LumRegionCommit(region);
+            if (step % 600 == 300) { // the files as a crash right after the commit leaves them
+                for (const auto &file :
+                     std::filesystem::directory_iterator(dirs[1 - current].path()))
+                    std::filesystem::remove(file);
+                std::filesystem::copy(dirs[current].path(), dirs[1 - current].path());
+                current = 1 - current;
+            }
+            LumSegmentClose(segment);
+            LumRegionClose(region);
+            uint8_t *old_base = base; // held, so that the open must move
+            void *held = mmap(old_base, region_page_size, PROT_NONE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+            ASSERT_EQ(LumRegionOpen("p", 8 * kMiB, 8 * kMiB, 0, 0, dirs[current].path().c_str(),
+                                    &region, reinterpret_cast<void **>(&base)),
+                      0);
+            munmap(held, region_page_size);
+            ASSERT_NE(base, old_base);
+            ASSERT_EQ(LumSegmentOpen(region, 0, &segment), 0);
+            ASSERT_EQ(LumRegionVerify(region), 0);
+            list = reinterpret_cast<LumRegList *>(base + list_at);
         }
-        if (HasFatalFailure())
-            return;
+        ASSERT_EQ(Walk(base, LumRegListFirst(base, list), LumRegListNext, model.size()),
+                  std::vector<int32_t>(model.begin(), model.end()));
+        ASSERT_EQ(Walk(base, LumRegListLast(base, list), LumRegListPrev, model.size()),
+                  std::vector<int32_t>(model.rbegin(), model.rend()));
+        ASSERT_EQ(LumRegListNumItems(list), model.size());
+        EXPECT_EQ(LumRegListNext(base, LumRegListHead(base, list)), LumRegListFirst(base, list));
+        EXPECT_EQ(LumRegListPrev(base, LumRegListTail(base, list)), LumRegListLast(base, list));
     }
     EXPECT_EQ(log.Find(102, 0).size(), static_cast<size_t>(out_of_range));
     EXPECT_EQ(log.Find(102, 0).at(0).text, "LumRegListNth: Node is out of range.");
-    freeing = {host.base, 0};
-    EXPECT_EQ(LumRegListDestroy(host.segment, host.base, host.List(), FreeNode, &freeing), 0);
-    EXPECT_EQ(freeing.freed, static_cast<int>(model.size()));
-    for (uint32_t offset : loose)
-        EXPECT_EQ(LumRegListFree(host.segment, host.At(offset)), 0);
-    LumSegmentInfo info;
-    LumSegmentGetInfo(host.segment, &info);
-    EXPECT_EQ(info.used_chunks, 0u); // every node and the header went back
-    EXPECT_EQ(LumRegionVerify(host.region), 0);
-}
-
-// The words of the header and of the nodes, for the image's base and for a
-// base of the caller's own above it.
-TEST_F(ListTest, TheImageHoldsTheHeaderAndLinksOfTheLayout) {
-    LumRegion *region = CreatePersistent();
-    LumSegment *segment;
-    ASSERT_EQ(LumSegmentCreate(region, 65536, 0, 0, 0, &segment), 0);
-    for (uint32_t shift : {0u, 4096u}) {
-        uint8_t *base = region->base + shift;
-        LumRegList *list = LumRegListCreate(segment, base);
-        void *a = LumRegListAlloc(segment, base, 4), *b = LumRegListAlloc(segment, base, 4);
-        void *c = LumRegListAlloc(segment, base, 4);
-        auto off = [&](void *at) {
-            return static_cast<uint32_t>(static_cast<uint8_t *>(at) - base);
-        };
-        auto words = [](void *at, int n) {
-            std::vector<uint32_t> w(n);
-            memcpy(w.data(), at, 4 * n);
-            return w;
-        };
-        uint32_t head = off(list) + 12, tail = off(list) + 20;
-        uint32_t la = off(a) - 8, lb = off(b) - 8, lc = off(c) - 8;
-        EXPECT_EQ(words(list, 7), (std::vector<uint32_t>{0, head, tail, tail, head, tail, head}));
-        EXPECT_EQ(words(static_cast<uint8_t *>(a) - 8, 2), (std::vector<uint32_t>{la, la}));
-        LumRegListInsertAfter(segment, base, list, a, LumRegListHead(base, list));
-        EXPECT_EQ(words(list, 7), (std::vector<uint32_t>{1, head, tail, la, head, tail, la}));
-        EXPECT_EQ(words(static_cast<uint8_t *>(a) - 8, 2), (std::vector<uint32_t>{tail, head}));
-        LumRegListInsertBefore(segment, base, list, b, LumRegListTail(base, list));
-        LumRegListInsertAfter(segment, base, list, c, a); // a c b
-        EXPECT_EQ(words(list, 7), (std::vector<uint32_t>{3, head, tail, la, head, tail, lb}));
-        EXPECT_EQ(words(static_cast<uint8_t *>(a) - 8, 2), (std::vector<uint32_t>{lc, head}));
-        EXPECT_EQ(words(static_cast<uint8_t *>(c) - 8, 2), (std::vector<uint32_t>{lb, la}));
-        EXPECT_EQ(words(static_cast<uint8_t *>(b) - 8, 2), (std::vector<uint32_t>{tail, lc}));
-        LumRegListDelete(segment, base, list, c);
-        EXPECT_EQ(words(static_cast<uint8_t *>(c) - 8, 2), (std::vector<uint32_t>{lc, lc}));
-        EXPECT_EQ(words(static_cast<uint8_t *>(a) - 8, 2), (std::vector<uint32_t>{lb, head}));
-        EXPECT_EQ(words(static_cast<uint8_t *>(b) - 8, 2), (std::vector<uint32_t>{tail, la}));
-        EXPECT_EQ(LumRegListDeleteNext(segment, base, list, LumRegListHead(base, list)), a);
-        EXPECT_EQ(words(list, 7), (std::vector<uint32_t>{1, head, tail, lb, head, tail, lb}));
-        LumRegListFlush(segment, base, list, nullptr, nullptr);
-        EXPECT_EQ(words(list, 7), (std::vector<uint32_t>{0, head, tail, tail, head, tail, head}));
-        EXPECT_EQ(words(static_cast<uint8_t *>(b) - 8, 2), (std::vector<uint32_t>{lb, lb}));
+    auto *list = reinterpret_cast<LumRegList *>(base + list_at);
+    EXPECT_EQ(LumRegListDestroy(segment, base, list, FreeNode, nullptr), 0);
+    for (uint32_t at : flushed) {
+        EXPECT_EQ(Words(base + at - 8, 2), std::vector<uint32_t>(2, at - 8)); // self-linked
+        EXPECT_EQ(LumRegListFree(segment, base + at), 0);
     }
-    EXPECT_EQ(LumRegionVerify(region), 0);
+    EXPECT_EQ(LumSegmentGetUsedBytes(segment), 0u); // every node and the header went back
     LumSegmentClose(segment);
     LumRegionClose(region);
 }
 
-// A segment at its maximum: create reports and gives null, alloc raises
-// "RegionList" and gives null, and neither leaves a chunk behind.
-TEST_F(ListTest, AFailedAllocationLeavesNothingAndIsReportedOrRaised) {
+// The words of the header and the nodes, from the image's base and from a
+// base of the caller's above it.
+TEST_F(ListTest, TheImageHoldsTheHeaderAndLinksOfTheLayout) {
+    LumRegion *region = CreatePersistent();
+    LumSegment *segment;
+    ASSERT_EQ(LumSegmentCreate(region, 65536, 0, 0, 0, &segment), 0);
+    for (uint8_t *base : {region->base, region->base + 4096}) {
+        LumRegList *list = LumRegListCreate(segment, base);
+        uint8_t *a = static_cast<uint8_t *>(LumRegListAlloc(segment, base, 4)) - 8;
+        uint8_t *b = static_cast<uint8_t *>(LumRegListAlloc(segment, base, 4)) - 8;
+        uint32_t head = reinterpret_cast<uint8_t *>(list) + 12 - base, tail = head + 8;
+        uint32_t la = a - base, lb = b - base;
+        using W = std::vector<uint32_t>;
+        EXPECT_EQ(Words(list, 7), (W{0, head, tail, tail, head, tail, head}));
+        EXPECT_EQ(Words(a, 2), (W{la, la}));
+        LumRegListInsertAfter(segment, base, list, a + 8, LumRegListHead(base, list));
+        EXPECT_EQ(Words(list, 7), (W{1, head, tail, la, head, tail, la}));
+        EXPECT_EQ(Words(a, 2), (W{tail, head}));
+        LumRegListInsertBefore(segment, base, list, b + 8, LumRegListTail(base, list));
+        EXPECT_EQ(Words(list, 7), (W{2, head, tail, la, head, tail, lb}));
+        EXPECT_EQ(Words(a, 2), (W{lb, head}));
+        EXPECT_EQ(Words(b, 2), (W{tail, la}));
+        LumRegListDelete(segment, base, list, a + 8);
+        EXPECT_EQ(Words(a, 2), (W{la, la}));
+        EXPECT_EQ(Words(list, 7), (W{1, head, tail, lb, head, tail, lb}));
+    }
+    LumSegmentClose(segment);
+    LumRegionClose(region);
+}
+
+// A segment at its maximum: create reports, alloc raises "RegionList"; both
+// give null and leave no chunk behind.
+TEST_F(ListTest, AFailedAllocationIsReportedOrRaisedAndLeavesNothing) {
     LumRegion *region = CreatePersistent();
     LumSegment *segment;
     ASSERT_EQ(LumSegmentCreate(region, Page(), 0, 0, Page(), &segment), 0);
-    void *filler;
-    for (int i = 0; i < 10000 && LumMemAlloc(segment, 8, &filler) == 0; ++i)
+    for (void *filler; LumMemAlloc(segment, 8, &filler) == 0;)
         LumMemLog(segment, filler);
     uint32_t used = LumSegmentGetUsedBytes(segment);
     std::string full = LumRCToString(LUM_RC_MAX_SEGMENT_SIZE);
-
     lumtest::LogCapture log;
     EXPECT_EQ(LumRegListCreate(segment, region->base), nullptr);
-    ASSERT_EQ(log.Find(102, 0).size(), 1u);
-    EXPECT_EQ(log.Find(102, 0)[0].text,
-              "LumRegListCreate: Failed to allocate memory for region list. " + full);
-    EXPECT_EQ(log.Find(102, 0)[0].severity, LUM_LOG_FAILURE);
-
-    for (uint32_t size : {64u, UINT32_MAX - 4}) {
-        LumThreadExceptionClear();
+    EXPECT_EQ(log.Lines(), std::vector<std::string>{"4 102/0 LumRegListCreate: Failed to allocate "
+                                                    "memory for region list. " +
+                                                    full});
+    for (uint32_t size : {64u, UINT32_MAX - 4}) { // the second would wrap with the links
         EXPECT_EQ(LumRegListAlloc(segment, region->base, size), nullptr);
         LumException raised;
         ASSERT_EQ(LumThreadExceptionGet(&raised), 0);
+        LumThreadExceptionClear();
         EXPECT_STREQ(raised.class_name, "RegionList");
         EXPECT_STREQ(raised.message, "Failed to allocate persistent list entry");
-        EXPECT_EQ(raised.value, size == 64 ? full : std::string(LumRCToString(LUM_RC_FAILURE)));
+        EXPECT_EQ(raised.value, size == 64 ? full : LumRCToString(LUM_RC_FAILURE));
     }
-    LumThreadExceptionClear();
     EXPECT_EQ(LumSegmentGetUsedBytes(segment), used);
-    EXPECT_EQ(LumRegionVerify(region), 0);
     LumSegmentClose(segment);
     LumRegionClose(region);
 }
