@@ -23,8 +23,10 @@
 // delete operations and the flush leave it). So Next and Prev need no
 // special case for the ends, nor for a node that was taken out.
 //
-// Every persistent write is one LumMemLogCpyInt, in the order the log
-// records get; nothing here commits, takes a lock or tests its arguments
+// A new header or node is filled with plain stores and logged whole by
+// LumMemLog; every later change is one LumMemLogCpyInt per word, in the
+// order the log records get, so a word that already holds its value costs
+// no record. Nothing here commits, takes a lock or tests its arguments
 // beyond null pointers: a position on no list or a node inserted twice
 // damages the list.
 #include <cstring>
