@@ -762,9 +762,9 @@ LUMREGION_API LumRegHash *LumRegHashOpen(LumRegion *region, uint32_t segment_id,
 /** Ends the handle and leaves the table in the image. */
 LUMREGION_API void LumRegHashClose(LumRegHash *table);
 
-/** Empties the table: calls @p callback (which may free the item, and must
- *  not be null when the table has items) for every item, then clears the
- *  item count and every bucket. Frees nothing itself. */
+/** Empties the table: calls @p callback (which may free the item; null
+ *  calls nothing) for every item, then clears the item count and every
+ *  bucket. Frees nothing itself. */
 LUMREGION_API void LumRegHashFlush(LumRegHash *table, LumRegHashItemCallback callback,
                                    void *argument);
 
@@ -806,7 +806,8 @@ LUMREGION_API void *LumRegHashNext(LumRegHash *table, void *item, uint32_t key_i
  *  non-zero skips the rest of its bucket only. Sorted, in the order that
  *  @p order gives; a visit that returns non-zero ends the walk. @p visit
  *  must leave the item on its chains.
- *  @return 0, also after a stop; 12 when a sorted walk gets no memory. */
+ *  @return 0, also after a stop; 12 when a sorted walk gets no memory;
+ *  -19 for a null table or @p visit, or a sorted walk without @p order. */
 LUMREGION_API int32_t LumRegHashWalk(LumRegHash *table, LumRegHashVisit visit, void *argument,
                                      int32_t sorted, LumRegHashOrder order, void *order_argument);
 
