@@ -120,10 +120,6 @@ void *ItemAtLink(const LumRegHash *table, uint8_t *link, uint32_t key) {
     return link + hash_link::kSize * (table->key_count - key);
 }
 
-const char *CodeText(int32_t code) {
-    return LumRCToString(code);
-}
-
 // Whether every key has both functions; reports it for `operation` if not.
 bool KeysAreWhole(const char *operation, const LumRegHashKey *keys, uint32_t key_count) {
     bool whole = keys != nullptr;
@@ -177,14 +173,14 @@ void *FindHeader(LumRegHash *table) {
     LumSegmentScan *scan = nullptr;
     int32_t code = LumSegmentScanBegin(table->segment, &scan);
     if (code != 0) {
-        HASH_REPORT("%s: Segment Scan Begin failed. %s", "LumRegHashOpen", CodeText(code));
+        HASH_REPORT("%s: Segment Scan Begin failed. %s", "LumRegHashOpen", LumRCToString(code));
         return nullptr;
     }
     void *header = nullptr;
     code = LumSegmentScanNext(scan, &header);
     LumSegmentScanEnd(scan);
     if (code != 0)
-        HASH_REPORT("%s: LumSegmentScanNext failed. %s", "LumRegHashOpen", CodeText(code));
+        HASH_REPORT("%s: LumSegmentScanNext failed. %s", "LumRegHashOpen", LumRCToString(code));
     return header;
 }
 
@@ -293,7 +289,7 @@ LumRegHash *LumRegHashCreate(LumRegion *region, const LumRegHashConfig *config,
     int32_t code = LumSegmentCreate(region, config->primary_size, config->secondary_size,
                                     config->growth_percent, config->maximum_size, &segment);
     if (code != 0) {
-        HASH_REPORT("%s: Failed to create segment.  %s", operation, CodeText(code));
+        HASH_REPORT("%s: Failed to create segment.  %s", operation, LumRCToString(code));
         lum_free(table);
         return nullptr;
     }
@@ -302,7 +298,7 @@ LumRegHash *LumRegHashCreate(LumRegion *region, const LumRegHashConfig *config,
     code = MakeHeader(table, bucket_count, &header);
     if (code != 0) {
         HASH_REPORT("%s: Failed to allocate space for persistent store. %s", operation,
-                    CodeText(code));
+                    LumRCToString(code));
         LumSegmentDrop(segment);
         lum_free(table);
         return nullptr;
@@ -322,7 +318,7 @@ LumRegHash *LumRegHashOpen(LumRegion *region, uint32_t segment_id, const LumRegH
     LumSegment *segment = nullptr;
     int32_t code = LumSegmentOpen(region, segment_id, &segment);
     if (code != 0) {
-        HASH_REPORT("%s: Failed to open segment. %s", operation, CodeText(code));
+        HASH_REPORT("%s: Failed to open segment. %s", operation, LumRCToString(code));
         lum_free(table);
         return nullptr;
     }
@@ -377,7 +373,7 @@ void *LumRegHashAlloc(LumRegHash *table, uint32_t size) {
     void *chunk = nullptr;
     int32_t code = LumMemAlloc(table->segment, whole > UINT32_MAX ? UINT32_MAX : whole, &chunk);
     if (code != 0) {
-        const char *text = CodeText(code);
+        const char *text = LumRCToString(code);
         LumValue value{
             LUM_VALUE_STRING, 0, {.string = {text, static_cast<uint32_t>(strlen(text))}}};
         LumThreadExceptionRaise(LumThreadGetID(), "RegionHash", region_catalog, kSetHashTable, 0,
@@ -395,7 +391,7 @@ void LumRegHashFree(LumRegHash *table, void *item) {
     int32_t code = LumMemFree(table->segment, ItemOf(table, item));
     if (code != 0)
         HASH_REPORT("%s: Failed to free the hash table entry. %s", "LumRegHashFree",
-                    CodeText(code));
+                    LumRCToString(code));
 }
 
 void LumRegHashInsert(LumRegHash *table, void *item) {
@@ -482,7 +478,7 @@ LumRegHashCursor *LumRegHashCursorOpen(LumRegHash *table) {
     auto *cursor = static_cast<LumRegHashCursor *>(lum_malloc(sizeof(LumRegHashCursor)));
     if (cursor == nullptr) {
         HASH_REPORT("%s: Failed to allocate memory for cursor. %s", "LumRegHashCursorOpen",
-                    CodeText(LUM_RC_NO_MEMORY));
+                    LumRCToString(LUM_RC_NO_MEMORY));
         return nullptr;
     }
     *cursor = {table, nullptr, Word(BucketPair(table, 0, 0), hash_link::kNext), 0};
