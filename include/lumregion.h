@@ -768,6 +768,174 @@ LUMREGION_API void *LumRegListNth(void *base, LumRegList *list, int32_t index);
 /** The number of nodes on @p list; 0 for null. */
 LUMREGION_API uint32_t LumRegListNumItems(LumRegList *list);
 
+/* ---------------------------------------------------------------------- */
+/* Persistent hash table                                                  */
+/* ---------------------------------------------------------------------- */
+
+/* A chained hash table with one or more keys that lives in one segment of
+ * its own: its header is the first allocation of the segment, its items
+ * are further allocations, and every link is an offset from the image's
+ * base, so a table comes back with its region at any address. Each item
+ * stands on one chain of every key, and is found by any of them. The bucket
+ * count is fixed at creation; there is no rehashing.
+ *
+ * The table knows nothing of its items' contents: the host supplies a hash
+ * and a compare function per key each time it creates or opens a table.
+ * Every persistent change goes through the logged writes, so it survives
+ * from the host's next LumRegionCommit on; no operation here commits.
+ * Nothing here locks: the host serialises all calls on a table, cursors
+ * included. A handle holds no reference to its region: end it with
+ * LumRegHashClose (the table stays) or LumRegHashDestroy (the table goes)
+ * before the region ends.
+ *
+ * An item is the host's data behind one link pair per key. The pointer the
+ * host holds (an "item" below) is that of its data; the host writes the
+ * data with the logged writes, and what the hash functions read must not
+ * change while the item is inserted.
+ *
+ * Failures are reported in the log at severity 4, set 102, id 0, with the
+ * name of the operation, as given with each operation. */
+
+/** Opaque handle of an open table. */
+typedef struct LumRegHash LumRegHash;
+/** Opaque cursor over the items of a table (LumRegHashCursorOpen). */
+typedef struct LumRegHashCursor LumRegHashCursor;
+
+/** Hash of a key, or of an item's data, for one key of the table. */
+typedef uint32_t (*LumRegHashFunction)(LumRegHash *table, const void *key_or_item, void *argument);
+/** 0 when @p item matches @p key for one key of the table. */
+typedef int32_t (*LumRegHashCompare)(LumRegHash *table, const void *key, const void *item,
+                                     void *argument);
+/** Called for each item by LumRegHashFlush and LumRegHashDestroy. */
+typedef void (*LumRegHashItemCallback)(LumRegHash *table, void *item, void *argument);
+/** Called for each item by LumRegHashWalk; not 0 to stop. */
+typedef int32_t (*LumRegHashVisit)(void *item, void *argument);
+/** Orders two items for a sorted walk: negative, 0 or positive. */
+typedef int32_t (*LumRegHashOrder)(LumRegHash *table, const void *a, const void *b, void *argument);
+
+/** The functions of one key. Both functions are required. */
+typedef struct LumRegHashKey {
+    LumRegHashFunction hash;
+    void *hash_argument;
+    LumRegHashCompare compare;
+    void *compare_argument;
+} LumRegHashKey;
+
+/** The segment of a new table: the arguments of LumSegmentCreate. */
+typedef struct LumRegHashConfig {
+    uint32_t primary_size;
+    uint32_t secondary_size;
+    uint32_t growth_percent;
+    uint32_t maximum_size;
+} LumRegHashConfig;
+
+/** Creates a table of @p bucket_count buckets per key in a new segment of
+ *  @p region, whose id LumSegmentGetInfo(LumRegHashSegment(table)) gives.
+ *  @p keys, an array of @p key_count entries, is kept by the handle, not
+ *  copied: it must outlive the handle. The header takes
+ *  8 x bucket_count x key_count + 28 bytes and is logged whole.
+ *  @return the handle, or null with a report: "LumRegHashCreate: Bucket and
+ *  key counts must be at least 1."; "...: Hash and comparison functions
+ *  must be specified." (also for null @p keys or @p config); "...: Failed
+ *  to allocate volatile space."; "...: Failed to create segment.  <code>";
+ *  "...: Failed to allocate space for persistent store. <code>". No segment
+ *  is left behind by a failure. */
+LUMREGION_API LumRegHash *LumRegHashCreate(LumRegion *region, const LumRegHashConfig *config,
+                                           uint32_t bucket_count, const LumRegHashKey *keys,
+                                           uint32_t key_count);
+
+/** Opens the table of segment @p segment_id, whose first live chunk is its
+ *  header, with the functions of @p keys (kept as by LumRegHashCreate).
+ *  @return the handle, or null with a report (the reports of create for
+ *  the keys and the handle, then): "LumRegHashOpen: Failed to open
+ *  segment. <code>"; "...: Segment Scan Begin failed. <code>";
+ *  "...: LumSegmentScanNext failed. <code>" (a segment with no live
+ *  chunk); "Hash table <id> in region "<name>" has wrong version number
+ *  (<stored> != 1)"; "Hash table <id> in region "<name>" has <stored>
+ *  keys, not <key_count>"; "Hash table <id> in region "<name>" has
+ *  <buckets> buckets of <keys> keys in a chunk of <bytes> bytes" (no
+ *  buckets, or a header chunk too small for them). A refused table is
+ *  never walked. */
+LUMREGION_API LumRegHash *LumRegHashOpen(LumRegion *region, uint32_t segment_id,
+                                         const LumRegHashKey *keys, uint32_t key_count);
+
+/** Ends the handle and leaves the table in the image. */
+LUMREGION_API void LumRegHashClose(LumRegHash *table);
+
+/** Empties the table: calls @p callback (which may free the item; null
+ *  calls nothing) for every item, then clears the item count and every
+ *  bucket. Frees nothing itself. */
+LUMREGION_API void LumRegHashFlush(LumRegHash *table, LumRegHashItemCallback callback,
+                                   void *argument);
+
+/** LumRegHashFlush, then drops the table's segment with all that is left
+ *  in it and releases the handle. */
+LUMREGION_API void LumRegHashDestroy(LumRegHash *table, LumRegHashItemCallback callback,
+                                     void *argument);
+
+/** Allocates an item of @p size bytes of data, logged whole as it stands
+ *  and on no chain: write its data with the logged writes, then insert it.
+ *  @return the item; on failure an exception of class "RegionHash"
+ *  ("Failed to allocate persistent hash table entry", with the text of the
+ *  allocator's code) is raised, and null is returned if the raise returns. */
+LUMREGION_API void *LumRegHashAlloc(LumRegHash *table, uint32_t size);
+
+/** Frees an item that is on no chain. A refusal of the allocator is
+ *  reported: "LumRegHashFree: Failed to free the hash table entry.
+ *  <code>". */
+LUMREGION_API void LumRegHashFree(LumRegHash *table, void *item);
+
+/** Puts @p item at the tail of its chain of every key, so duplicates keep
+ *  the order of their insertion. */
+LUMREGION_API void LumRegHashInsert(LumRegHash *table, void *item);
+
+/** Takes an inserted @p item off all its chains; it stays allocated. */
+LUMREGION_API void LumRegHashDelete(LumRegHash *table, void *item);
+
+/** The oldest item that matches @p key by key @p key_index; null when none
+ *  does or @p key_index is not below the key count (nothing is read). */
+LUMREGION_API void *LumRegHashFind(LumRegHash *table, const void *key, uint32_t key_index);
+
+/** The next item behind @p item on its chain of @p key_index that matches
+ *  @p item by that key's compare; null when none does or @p key_index is
+ *  not below the key count. */
+LUMREGION_API void *LumRegHashNext(LumRegHash *table, void *item, uint32_t key_index);
+
+/** Calls @p visit for every item. Unsorted (@p sorted 0), in bucket order
+ *  of key 0 and order of insertion inside a bucket; a visit that returns
+ *  non-zero skips the rest of its bucket only. Sorted, in the order that
+ *  @p order gives; a visit that returns non-zero ends the walk. @p visit
+ *  must leave the item on its chains.
+ *  @return 0, also after a stop; 12 when a sorted walk gets no memory;
+ *  -19 for a null table or @p visit, or a sorted walk without @p order. */
+LUMREGION_API int32_t LumRegHashWalk(LumRegHash *table, LumRegHashVisit visit, void *argument,
+                                     int32_t sorted, LumRegHashOrder order, void *order_argument);
+
+/** Items inserted and not deleted; 0 for null. */
+LUMREGION_API uint32_t LumRegHashNumItems(LumRegHash *table);
+
+/** The table's segment, for LumSegmentGetInfo and the like; the handle
+ *  owns it. */
+LUMREGION_API LumSegment *LumRegHashSegment(LumRegHash *table);
+
+/** The host's version number of the table, 0 after creation. */
+LUMREGION_API uint32_t LumRegHashGetVersion(LumRegHash *table);
+
+/** Sets the host's version number (logged). */
+LUMREGION_API void LumRegHashSetVersion(LumRegHash *table, uint32_t version);
+
+/** A cursor over all items, in the order of an unsorted walk. The item it
+ *  returned last may be deleted and freed; the one after it may not.
+ *  @return the cursor, or null with the report "LumRegHashCursorOpen:
+ *  Failed to allocate memory for cursor. <code>". */
+LUMREGION_API LumRegHashCursor *LumRegHashCursorOpen(LumRegHash *table);
+
+/** The next item; null at the end and on every call after it. */
+LUMREGION_API void *LumRegHashCursorNext(LumRegHashCursor *cursor);
+
+/** Releases the cursor. */
+LUMREGION_API void LumRegHashCursorClose(LumRegHashCursor *cursor);
+
 #ifdef __cplusplus
 }
 #endif

@@ -53,8 +53,6 @@ static_assert(list_header::kTailLink + kData == list_header::kSize);
 
 namespace {
 
-// Catalogue set of the containers' reports and exceptions.
-constexpr uint32_t kSetContainer = 102;
 constexpr uint32_t kListReportId = 0;
 
 uint8_t *Bytes(void *pointer) {

@@ -40,6 +40,7 @@ inline constexpr uint32_t kRegistrySlots = 256;
 inline constexpr uint32_t kSetReport = 2; // severities 1, 2 and 4
 inline constexpr uint32_t kSetError = 3;  // severities 4 and 5
 inline constexpr uint32_t kSetVerify = 5; // verification after recovery
+inline constexpr uint32_t kSetContainer = 102; // the containers' reports and exceptions
 
 extern int32_t region_started;
 extern LumCatalog *region_catalog;
