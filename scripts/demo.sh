@@ -2,7 +2,9 @@
 # Builds the library and runs the demo host. Arguments go to the demo
 # (for instance -regionprotectall); the persistent region lives in
 # build/default/lumdemo-data/. "scripts/demo.sh crash" runs the crash demo
-# instead: a host killed after its commits, then its second run.
+# instead: a host killed after its commits, then its second run;
+# "scripts/demo.sh directory" runs the directory demo three times: a
+# two-key hash table and a journal list kept across runs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -12,6 +14,14 @@ if [[ "${1:-}" == crash ]]; then
     rm -rf build/default/lumcrash-data/
     build/default/examples/lumcrashdemo build/default/lumcrash-data/ || true # dies by SIGKILL
     exec build/default/examples/lumcrashdemo build/default/lumcrash-data/
+fi
+if [[ "${1:-}" == directory ]]; then
+    cmake --build --preset default --target lumdirectorydemo
+    rm -rf build/default/lumdirectory-data/
+    for run in 1 2 3; do
+        build/default/examples/lumdirectorydemo build/default/lumdirectory-data/
+    done
+    exit 0
 fi
 cmake --build --preset default --target lumdemo
 exec build/default/examples/lumdemo "$@" build/default/lumdemo-data/
