@@ -72,7 +72,10 @@ struct LumRegHashCursor {
 
 namespace {
 
-#define HASH_REPORT(...) LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetContainer, 0, __VA_ARGS__)
+// A failure of a table's operation, in the log: severity 4, set 102, id 0.
+template <typename... Args> void Report(const char *format, Args... args) {
+    LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetContainer, 0, format, args...);
+}
 
 uint32_t Word(const uint8_t *at, uint32_t offset) {
     return ImageLoad32(at + offset);
@@ -125,7 +128,7 @@ bool KeysAreWhole(const char *operation, const LumRegHashKey *keys, uint32_t key
         whole = keys[k].hash != nullptr && keys[k].compare != nullptr;
     if (whole)
         return true;
-    HASH_REPORT("%s: Hash and comparison functions must be specified.", operation);
+    Report("%s: Hash and comparison functions must be specified.", operation);
     return false;
 }
 
@@ -134,7 +137,7 @@ LumRegHash *NewHandle(const char *operation, LumRegion *region, const LumRegHash
                       uint32_t key_count) {
     auto *table = static_cast<LumRegHash *>(lum_malloc(sizeof(LumRegHash)));
     if (table == nullptr) {
-        HASH_REPORT("%s: Failed to allocate volatile space.", operation);
+        Report("%s: Failed to allocate volatile space.", operation);
         return nullptr;
     }
     lum_bzero(table, sizeof *table);
@@ -171,14 +174,14 @@ void *FindHeader(LumRegHash *table) {
     LumSegmentScan *scan = nullptr;
     int32_t code = LumSegmentScanBegin(table->segment, &scan);
     if (code != 0) {
-        HASH_REPORT("%s: Segment Scan Begin failed. %s", "LumRegHashOpen", LumRCToString(code));
+        Report("%s: Segment Scan Begin failed. %s", "LumRegHashOpen", LumRCToString(code));
         return nullptr;
     }
     void *header = nullptr;
     code = LumSegmentScanNext(scan, &header);
     LumSegmentScanEnd(scan);
     if (code != 0)
-        HASH_REPORT("%s: LumSegmentScanNext failed. %s", "LumRegHashOpen", LumRCToString(code));
+        Report("%s: LumSegmentScanNext failed. %s", "LumRegHashOpen", LumRCToString(code));
     return header;
 }
 
@@ -188,8 +191,8 @@ bool HeaderFits(const LumRegHash *table, uint32_t segment_id, const uint8_t *hea
     const char *name = table->region->name;
     uint32_t version = Word(header, hash_header::kFormatVersion);
     if (version != hash_header::kVersion) {
-        HASH_REPORT("Hash table %d in region \"%s\" has wrong version number (%d != %d)",
-                    segment_id, name, version, hash_header::kVersion);
+        Report("Hash table %d in region \"%s\" has wrong version number (%d != %d)", segment_id,
+               name, version, hash_header::kVersion);
         return false;
     }
     // Every chunk holds at least the version word; the other fixed fields
@@ -199,14 +202,14 @@ bool HeaderFits(const LumRegHash *table, uint32_t segment_id, const uint8_t *hea
     uint32_t keys = fixed_fields ? Word(header, hash_header::kKeyCount) : 0;
     uint32_t buckets = fixed_fields ? Word(header, hash_header::kBucketCount) : 0;
     if (fixed_fields && keys != table->key_count) {
-        HASH_REPORT("Hash table %d in region \"%s\" has %d keys, not %d", segment_id, name, keys,
-                    table->key_count);
+        Report("Hash table %d in region \"%s\" has %d keys, not %d", segment_id, name, keys,
+               table->key_count);
         return false;
     }
     if (buckets != 0 && hash_header::BucketOffset(keys, 0, buckets) <= chunk)
         return true;
-    HASH_REPORT("Hash table %d in region \"%s\" has %d buckets of %d keys in a chunk of %d bytes",
-                segment_id, name, buckets, keys, chunk);
+    Report("Hash table %d in region \"%s\" has %d buckets of %d keys in a chunk of %d bytes",
+           segment_id, name, buckets, keys, chunk);
     return false;
 }
 
@@ -274,7 +277,7 @@ LumRegHash *LumRegHashCreate(LumRegion *region, const LumRegHashConfig *config,
                              uint32_t bucket_count, const LumRegHashKey *keys, uint32_t key_count) {
     const char *operation = "LumRegHashCreate";
     if (bucket_count == 0 || key_count == 0) {
-        HASH_REPORT("%s: Bucket and key counts must be at least 1.", operation);
+        Report("%s: Bucket and key counts must be at least 1.", operation);
         return nullptr;
     }
     // A missing config is refused with the keys: both are the caller's setup.
@@ -287,7 +290,7 @@ LumRegHash *LumRegHashCreate(LumRegion *region, const LumRegHashConfig *config,
     int32_t code = LumSegmentCreate(region, config->primary_size, config->secondary_size,
                                     config->growth_percent, config->maximum_size, &segment);
     if (code != 0) {
-        HASH_REPORT("%s: Failed to create segment.  %s", operation, LumRCToString(code));
+        Report("%s: Failed to create segment.  %s", operation, LumRCToString(code));
         lum_free(table);
         return nullptr;
     }
@@ -295,8 +298,8 @@ LumRegHash *LumRegHashCreate(LumRegion *region, const LumRegHashConfig *config,
     void *header = nullptr;
     code = MakeHeader(table, bucket_count, &header);
     if (code != 0) {
-        HASH_REPORT("%s: Failed to allocate space for persistent store. %s", operation,
-                    LumRCToString(code));
+        Report("%s: Failed to allocate space for persistent store. %s", operation,
+               LumRCToString(code));
         LumSegmentDrop(segment);
         lum_free(table);
         return nullptr;
@@ -316,7 +319,7 @@ LumRegHash *LumRegHashOpen(LumRegion *region, uint32_t segment_id, const LumRegH
     LumSegment *segment = nullptr;
     int32_t code = LumSegmentOpen(region, segment_id, &segment);
     if (code != 0) {
-        HASH_REPORT("%s: Failed to open segment. %s", operation, LumRCToString(code));
+        Report("%s: Failed to open segment. %s", operation, LumRCToString(code));
         lum_free(table);
         return nullptr;
     }
@@ -388,8 +391,8 @@ void LumRegHashFree(LumRegHash *table, void *item) {
         return;
     int32_t code = LumMemFree(table->segment, ItemOf(table, item));
     if (code != 0)
-        HASH_REPORT("%s: Failed to free the hash table entry. %s", "LumRegHashFree",
-                    LumRCToString(code));
+        Report("%s: Failed to free the hash table entry. %s", "LumRegHashFree",
+               LumRCToString(code));
 }
 
 void LumRegHashInsert(LumRegHash *table, void *item) {
@@ -475,8 +478,8 @@ LumRegHashCursor *LumRegHashCursorOpen(LumRegHash *table) {
         return nullptr;
     auto *cursor = static_cast<LumRegHashCursor *>(lum_malloc(sizeof(LumRegHashCursor)));
     if (cursor == nullptr) {
-        HASH_REPORT("%s: Failed to allocate memory for cursor. %s", "LumRegHashCursorOpen",
-                    LumRCToString(LUM_RC_NO_MEMORY));
+        Report("%s: Failed to allocate memory for cursor. %s", "LumRegHashCursorOpen",
+               LumRCToString(LUM_RC_NO_MEMORY));
         return nullptr;
     }
     *cursor = {table, nullptr, Word(BucketPair(table, 0, 0), hash_link::kNext), 0};
