@@ -217,8 +217,7 @@ int32_t ProbeAndJudge(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer
     _LumTabCheck(&files->tab);
     bool unreadable = false;
     int32_t newest = 0;
-    for (const RecoveryFile *file :
-         {&files->tab, &files->chk[0], &files->chk[1], &files->log[0], &files->log[1]}) {
+    for (const RecoveryFile *file : files->All()) {
         newest = std::max(newest, file->timestamp);
         unreadable = unreadable || file->unreadable;
     }
@@ -265,8 +264,7 @@ int32_t Recover(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer) {
 
 // Undoes a failed open: the handle, its image and every descriptor.
 int32_t Abandon(LumRegion *region, RecoveryFileSet *files, int32_t rc) {
-    for (RecoveryFile *file :
-         {&files->tab, &files->chk[0], &files->chk[1], &files->log[0], &files->log[1]})
+    for (RecoveryFile *file : files->All())
         _LumFileClose(file);
     _LumRegionCloseFiles(region);
     _LumImageDestroy(region);

@@ -4,6 +4,7 @@
 // so the checkpoint thread cannot see it and nothing is logged.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "durable/durable.h"
@@ -42,6 +43,8 @@ struct RecoveryFileSet {
     RecoveryFile tab;
     RecoveryFile chk[2];
     RecoveryFile log[2];
+
+    std::array<RecoveryFile *, 5> All() { return {&tab, &chk[0], &chk[1], &log[0], &log[1]}; }
 };
 
 // recovery_files.cc -----------------------------------------------------
