@@ -152,42 +152,53 @@ TEST_P(AllocTest, ChunkSizesSplitsAndMergesAtTheirEdges) {
 
 // Each row frees some of the chunks a to d of a new segment, then a pointer
 // that names no live chunk, moved by `shift` from a chunk's (d holds forged
-// tags), from the image's base (e), its end (f) or another segment's (g).
+// tags), from the image's base (e), its end (f) or another segment's (g);
+// with the mutation check on, it names the verdict that LumMemFree reports.
 TEST_P(AllocTest, FreesOfPointersThatNameNoLiveChunkChangeNothing) {
     auto *elsewhere = static_cast<uint8_t *>(Alloc(Segment(4096), 40));
-    const std::tuple<const char *, const char *, char, int32_t, int32_t> rows[] = {
-        {"not a multiple of 8", "", 'a', 4, LUM_RC_FAILURE},
-        {"in the region header", "", 'e', 8, LUM_RC_FAILURE},
-        {"at the image's end", "", 'f', 0, LUM_RC_FAILURE},
-        {"freed already", "a", 'a', 0, LUM_RC_DOUBLE_FREE},
-        {"merged into the free chunk below", "ab", 'b', 0, LUM_RC_DOUBLE_FREE},
-        {"merged on both sides", "acb", 'b', 0, LUM_RC_DOUBLE_FREE},
-        {"inside a live chunk", "", 'a', 16, LUM_RC_DOUBLE_FREE},
-        {"a forged tag without its foot", "", 'd', 40, LUM_RC_DOUBLE_FREE},
-        {"a forged chunk below a forged free one", "", 'd', 8, LUM_RC_DOUBLE_FREE},
-        {"a forged chunk above a forged free one", "", 'd', 16, LUM_RC_DOUBLE_FREE},
-        {"the front fence", "", 'a', -16, LUM_RC_DOUBLE_FREE},
-        {"a chunk of another segment", "", 'g', 0, LUM_RC_DOUBLE_FREE},
+    const char *kNone = "", *kFree = "Free memory write", *kInvalid = "Invalid pointer write",
+               *kNotFound = "Chunk not found in segment";
+    const std::tuple<const char *, const char *, char, int32_t, int32_t, const char *> rows[] = {
+        {"not a multiple of 8", "", 'a', 4, LUM_RC_FAILURE, kNone},
+        {"in the region header", "", 'e', 8, LUM_RC_FAILURE, kNotFound},
+        {"at the image's end", "", 'f', 0, LUM_RC_FAILURE, kNotFound},
+        {"freed already", "a", 'a', 0, LUM_RC_DOUBLE_FREE, kNone},
+        {"merged into the free chunk below", "ab", 'b', 0, LUM_RC_DOUBLE_FREE, kFree},
+        {"merged on both sides", "acb", 'b', 0, LUM_RC_DOUBLE_FREE, kFree},
+        {"inside a live chunk", "", 'a', 16, LUM_RC_DOUBLE_FREE, kNone},
+        {"a forged tag without its foot", "", 'd', 40, LUM_RC_DOUBLE_FREE, kInvalid},
+        {"a forged chunk below a forged free one", "", 'd', 8, LUM_RC_DOUBLE_FREE, kNone},
+        {"a forged chunk above a forged free one", "", 'd', 16, LUM_RC_DOUBLE_FREE, kNone},
+        {"the front fence", "", 'a', -16, LUM_RC_DOUBLE_FREE, kNotFound},
+        {"a chunk of another segment", "", 'g', 0, LUM_RC_DOUBLE_FREE, kNotFound},
     };
     const std::pair<uint32_t, uint32_t> forged[] = {{4, 16},  {8, 17},  {12, 16}, {16, 16},
                                                     {20, 17}, {24, 16}, {36, 16}};
-    for (auto [what, freed, target, shift, code] : rows) {
-        SCOPED_TRACE(what);
-        LumSegment *segment = Segment(4096);
-        auto chunk = [&] { return static_cast<uint8_t *>(Alloc(segment, 40)); };
-        uint8_t *end = region_->base + region_->used; // the image's end
-        uint8_t *chunks[] = {chunk(), chunk(), chunk(), chunk(), region_->base, end, elsewhere};
-        for (auto [at, tag] : forged)
-            LumMemLogCpyUnsigned(segment, chunks[3] + at, tag);
-        for (const char *name = freed; *name != '\0'; ++name)
-            ASSERT_EQ(LumMemFree(segment, chunks[*name - 'a']), 0);
-        Figures before = FiguresOf(segment);
-        uint32_t logged = region_->log_buffer->used;
-        EXPECT_EQ(LumMemFree(segment, chunks[target - 'a'] + shift), code);
-        EXPECT_EQ(FiguresOf(segment), before);
-        EXPECT_EQ(region_->log_buffer->used, logged);
-        EXPECT_EQ(LumRegionVerifyDeep(region_), 0);
-    }
+    for (int32_t check : {0, 1})
+        for (auto [what, freed, target, shift, code, verdict] : rows) {
+            SCOPED_TRACE(std::string(what) + (check ? ", checked" : ""));
+            LumSegment *segment = Segment(4096);
+            auto chunk = [&] { return static_cast<uint8_t *>(Alloc(segment, 40)); };
+            uint8_t *end = region_->base + region_->used; // the image's end
+            uint8_t *chunks[] = {chunk(), chunk(), chunk(), chunk(), region_->base, end, elsewhere};
+            for (auto [at, tag] : forged)
+                LumMemLogCpyUnsigned(segment, chunks[3] + at, tag);
+            for (const char *name = freed; *name != '\0'; ++name)
+                ASSERT_EQ(LumMemFree(segment, chunks[*name - 'a']), 0);
+            Figures before = FiguresOf(segment);
+            uint32_t logged = region_->log_buffer->used;
+            lumtest::LogCapture capture;
+            region_mutation_check = check;
+            EXPECT_EQ(LumMemFree(segment, chunks[target - 'a'] + shift), code);
+            region_mutation_check = 0;
+            auto reports = capture.Find(kSetError, 13);
+            EXPECT_EQ(reports.size(), check && *verdict ? 1u : 0u);
+            for (const lumtest::LogRecord &report : reports)
+                EXPECT_TRUE(report.text.ends_with(std::string(": ") + verdict)) << report.text;
+            EXPECT_EQ(FiguresOf(segment), before);
+            EXPECT_EQ(region_->log_buffer->used, logged);
+            EXPECT_EQ(LumRegionVerifyDeep(region_), 0);
+        }
 }
 
 // Each row grows a segment of 64 KiB by allocations of 2000 bytes: the sizes

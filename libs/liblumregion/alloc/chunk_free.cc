@@ -17,49 +17,21 @@
 
 namespace {
 
-using extent_header::kNext;
-
-// The stretch of an extent where chunks lie: from behind its front fence
-// up to its rear fence.
-struct ChunkArea {
-    uint8_t *extent;
-    uint8_t *begin;
-    uint8_t *end;
-};
-
 // Bytes from `from` up to `to`, which lies no lower, within one extent.
 uint32_t BytesBetween(const uint8_t *from, const uint8_t *to) {
     return static_cast<uint32_t>(to - from);
 }
 
-ChunkArea ChunkAreaOf(uint8_t *extent, uint32_t header) {
-    return {extent, extent + header + 16, extent + BlockSize(extent) - 20};
-}
-
-// Finds the secondary extent of `segment` whose chunk area holds `chunk`,
-// any address, along the chain; in a sound image the chain is shorter than
-// the image has pages and links only to its pages.
-LUM_SLOW_PATH bool FindSecondaryChunkArea(const LumSegment *segment, const uint8_t *chunk,
-                                          ChunkArea *area) {
-    const LumRegion *region = segment->region;
-    uint32_t used = region->used.load(std::memory_order_relaxed);
-    RegionOffset next = ImageLoad32(segment->primary + kNext);
-    for (uint32_t left = used >> region_page_shift;
-         next != 0 && next < used && PageStart(next) == next && left != 0; --left) {
-        *area = ChunkAreaOf(region->base + next, extent_header::kSecondarySize);
+// Finds the extent of `segment` whose chunk area holds the chunk at `chunk`,
+// any address: the primary extent, which holds most, or one of the chain.
+bool FindChunkArea(const LumSegment *segment, const uint8_t *chunk, ChunkArea *area) {
+    for (ExtentChain chain = _LumExtentChainBegin(segment); chain.extent != nullptr;
+         _LumExtentChainNext(&chain)) {
+        *area = ChunkAreaOf(segment, chain.extent);
         if (chunk >= area->begin && chunk < area->end)
             return true;
-        next = ImageLoad32(area->extent + kNext);
     }
     return false;
-}
-
-// Finds the extent of `segment` whose chunk area holds the chunk at `chunk`:
-// the primary extent, which holds most, or one of the chain.
-bool FindChunkArea(const LumSegment *segment, const uint8_t *chunk, ChunkArea *area) {
-    *area = ChunkAreaOf(segment->primary, extent_header::kPrimarySize);
-    return (chunk >= area->begin && chunk < area->end) ||
-           FindSecondaryChunkArea(segment, chunk, area);
 }
 
 // What freeing one chunk changes, worked out before anything changes.
@@ -165,6 +137,18 @@ void FreeChunk(Batch &changes, LumSegment *segment, const Release &release) {
     StatsWrite(changes, stats_at, s);
 }
 
+// With the mutation check on: a chunk freed before is refused by the plan
+// alone; any other pointer is classified, reported when it lies outside
+// every live chunk's data, and then refused, so that no tag is written at
+// it. `planned` is the plan's result, which stands otherwise.
+LUM_SLOW_PATH int32_t CheckedRelease(LumSegment *segment, uint8_t *chunk, int32_t planned) {
+    ChunkArea area;
+    bool freed_before = FindChunkArea(segment, chunk, &area) && (ImageLoad32(chunk) & CHUNK_FREE);
+    if (freed_before || _LumMutationCheckFree(segment, chunk + 4))
+        return planned;
+    return planned != 0 ? planned : LUM_RC_DOUBLE_FREE;
+}
+
 } // namespace
 
 LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
@@ -172,12 +156,13 @@ LUM_HOT_PATH int32_t LumMemFree(LumSegment *segment, void *pointer) {
         return LUM_RC_FAILURE;
     Release release;
     uint8_t *chunk = static_cast<uint8_t *>(pointer) - 4;
-    if (int32_t rc = PlanRelease(segment, chunk, &release); rc != 0)
+    int32_t rc = PlanRelease(segment, chunk, &release);
+    if (region_mutation_check == 1)
+        rc = CheckedRelease(segment, chunk, rc);
+    if (rc != 0)
         return rc;
     if (ProtectsPages(segment->region)) // an allocation freed before it was logged
         _LumOpenChunkEnd(segment->region, chunk);
-    if (region_mutation_check == 1)
-        _LumMutationCheck(segment, pointer, 1);
     InBatch(segment->region, [&](auto &changes) { FreeChunk(changes, segment, release); });
     return 0;
 }

@@ -149,6 +149,32 @@ void _LumFreeListRemove(LumRegion *region, uint8_t *item);
 
 // segment.cc -----------------------------------------------------------------
 
+// A walk along a segment's chain of extents for readers that must not trust
+// the image: the primary extent, then each `next` link. A link that names
+// no extent of the image (off a page, at or past the used bytes, or one
+// whose size reaches past them) ends the walk as the chain's end does, and
+// so does a chain longer than the image has pages: a cycle cannot loop.
+struct ExtentChain {
+    const LumRegion *region;
+    uint8_t *extent;     // the current extent; null once the walk has ended
+    uint32_t steps_left; // one per page of the image
+};
+ExtentChain _LumExtentChainBegin(const LumSegment *segment);
+void _LumExtentChainNext(ExtentChain *chain);
+
+// The chunk area of an extent of `segment`: from behind its header and
+// front fence up to its rear fence.
+struct ChunkArea {
+    uint8_t *extent;
+    uint8_t *begin;
+    uint8_t *end;
+};
+inline ChunkArea ChunkAreaOf(const LumSegment *segment, uint8_t *extent) {
+    uint32_t header =
+        extent == segment->primary ? extent_header::kPrimarySize : extent_header::kSecondarySize;
+    return {extent, extent + header + 16, extent + BlockSize(extent) - 20};
+}
+
 // Adds a secondary extent with room for a chunk of `chunk_size` bytes behind
 // the primary one and formats it; *chunk is its one free chunk, in no bin,
 // and the extent stays writable. `stats` is the caller's copy. 0, -407 at

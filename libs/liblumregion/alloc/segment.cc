@@ -172,6 +172,24 @@ int32_t LumSegmentCreate(LumRegion *region, uint32_t primary_size, uint32_t seco
     return 0;
 }
 
+ExtentChain _LumExtentChainBegin(const LumSegment *segment) {
+    const LumRegion *region = segment->region;
+    return {region, segment->primary,
+            region->used.load(std::memory_order_relaxed) >> region_page_shift};
+}
+
+void _LumExtentChainNext(ExtentChain *chain) {
+    RegionOffset next = ImageLoad32(chain->extent + extent_header::kNext);
+    uint32_t used = chain->region->used.load(std::memory_order_relaxed);
+    chain->extent = nullptr;
+    if (next == 0 || PageStart(next) != next || next >= used || chain->steps_left-- == 0)
+        return;
+    uint8_t *extent = chain->region->base + next;
+    uint32_t size = BlockSize(extent);
+    if (size >= region_page_size && uint64_t{next} + size <= used)
+        chain->extent = extent;
+}
+
 int32_t LumSegmentDrop(LumSegment *segment) {
     if (segment == nullptr || !IsLiveSegment(segment->region, segment->primary))
         return LUM_RC_FAILURE;

@@ -37,9 +37,10 @@ inline constexpr char kLongestSuffix[] = ".tabnew";
 inline constexpr uint32_t kRegistrySlots = 256;
 
 // Catalogue sets of the library's log messages.
-inline constexpr uint32_t kSetReport = 2; // severities 1, 2 and 4
-inline constexpr uint32_t kSetError = 3;  // severities 4 and 5
-inline constexpr uint32_t kSetVerify = 5; // verification after recovery
+inline constexpr uint32_t kSetReport = 2;      // severities 1, 2 and 4
+inline constexpr uint32_t kSetError = 3;       // severities 4 and 5
+inline constexpr uint32_t kSetMutation = 4;    // the mutation check's verdicts
+inline constexpr uint32_t kSetVerify = 5;      // verification after recovery
 inline constexpr uint32_t kSetContainer = 102; // the containers' reports and exceptions
 
 extern int32_t region_started;

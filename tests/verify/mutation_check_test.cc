@@ -1,0 +1,174 @@
+// The mutation check: where a write lands among the chunks of its segment,
+// read from the reports of the logged writes and of LumMemFree, with the
+// live-chunk trace, a damaged chain, and the property off.
+#include <cstdio>
+#include <string>
+#include <tuple>
+
+#include "region_fixture.h"
+#include "verify/verify.h"
+
+namespace {
+
+// Turns the check and its trace on for one scope.
+struct MutationCheckOn {
+    MutationCheckOn() {
+        region_mutation_check = 1;
+        LumDebugFacilitySet("region_mutation", 1);
+    }
+    ~MutationCheckOn() {
+        region_mutation_check = 0;
+        LumDebugFacilitySet("region_mutation", 0);
+    }
+};
+
+} // namespace
+
+class MutationCheckTest : public RegionTest {
+  protected:
+    void SetUp() override {
+        region_ = Create(16 * kMiB, 16 * kMiB);
+        ASSERT_EQ(LumSegmentCreate(region_, 4096, 4096, 0, 0, &segment_), 0);
+        ASSERT_EQ(LumSegmentCreate(region_, 4096, 0, 0, 0, &other_), 0);
+    }
+    uint8_t *Alloc(LumSegment *segment, uint32_t size) {
+        void *pointer = nullptr;
+        EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
+        return static_cast<uint8_t *>(pointer);
+    }
+    // Rewrites the bytes at `target` with themselves through the logged
+    // copy, so the check runs and nothing changes; returns the write
+    // reports and the number of live-chunk traces.
+    std::pair<std::vector<std::string>, size_t> Rewrite(uint8_t *target, uint32_t length) {
+        std::vector<uint8_t> same(target, target + length);
+        lumtest::LogCapture capture;
+        EXPECT_EQ(LumMemLogCpy(segment_, target, same.data(), length), target);
+        std::vector<std::string> reports;
+        for (const lumtest::LogRecord &record : capture.Find(kSetError, 12))
+            reports.push_back(record.text);
+        return {reports, capture.Find(kSetReport, 28).size()};
+    }
+    std::string Report(const uint8_t *target, uint32_t length, const char *verdict) {
+        char text[256];
+        snprintf(text, sizeof text,
+                 "Attempted memory write error at '0x%p' for %u byte(s) in segment with ID = "
+                 "%u: %s",
+                 static_cast<const void *>(target), length, 0u, verdict);
+        return text;
+    }
+
+    LumRegion *region_ = nullptr;
+    LumSegment *segment_ = nullptr;
+    LumSegment *other_ = nullptr;
+};
+
+// A primary extent holding live chunks a (48 bytes) and c (112), a free
+// chunk of 16 between them and the free rest behind c; a secondary extent
+// with live chunk s. Each row rewrites `length` bytes at a place and names
+// the verdict ("" for a sound write) and whether a live chunk holds it.
+TEST_F(MutationCheckTest, EveryWriteIsClassifiedByTheChunkThatHoldsIt) {
+    uint8_t *a = Alloc(segment_, 40);
+    uint8_t *b = Alloc(segment_, 8);
+    uint8_t *c = Alloc(segment_, 100);
+    ASSERT_EQ(LumMemFree(segment_, b), 0);
+    uint8_t *s = Alloc(segment_, 2400); // too big for the primary extent
+    uint8_t *rest = c - 4 + 112;
+    uint8_t *secondary = region_->base + ImageLoad32(segment_->primary + extent_header::kNext);
+    uint8_t *elsewhere = Alloc(other_, 40);
+    const char *kNone = "", *kBounds = "Array bounds write", *kFree = "Free memory write",
+               *kInvalid = "Invalid pointer write", *kNotFound = "Chunk not found in segment";
+    const std::tuple<const char *, uint8_t *, uint32_t, const char *, bool> rows[] = {
+        {"a's head tag", a - 4, 4, kInvalid, true},
+        {"a's data, whole", a, 40, kNone, true},
+        {"a's data and one byte more", a, 41, kBounds, true},
+        {"a's last 4 bytes", a + 36, 4, kNone, true},
+        {"a's last 4 bytes and one more", a + 36, 5, kBounds, true},
+        {"a's foot tag", a + 40, 1, kInvalid, true},
+        {"a's foot tag, long", a + 40, 64, kInvalid, true},
+        {"the free 16's link", b, 4, kInvalid, false},
+        {"the free 16's foot tag at 12", b + 8, 4, kInvalid, false},
+        {"the free rest's second link", rest + 8, 4, kInvalid, false},
+        {"the free rest's body at 12", rest + 12, 8, kFree, false},
+        {"s in the secondary extent", s, 2400, kNone, true},
+        {"the front fence", a - 12, 4, kNotFound, false},
+        {"the stats", segment_->primary + primary_extent::kStats, 24, kNotFound, false},
+        {"the secondary extent's header", secondary, 4, kNotFound, false},
+        {"the secondary's rear fence", secondary + BlockSize(secondary) - 20, 4, kNotFound, false},
+        {"a chunk of another segment", elsewhere, 8, kNotFound, false},
+    };
+    uint32_t direct = ~0u;
+    _LumMutationClassify(segment_, a + 8, 0, &direct);
+    EXPECT_EQ(direct, MUTATION_NONE) << "an empty write in the data";
+    _LumMutationClassify(segment_, region_->base + 8 * kMiB, 4, &direct);
+    EXPECT_EQ(direct, MUTATION_NOT_FOUND) << "beyond the used image";
+    MutationCheckOn on;
+    for (auto [what, target, length, verdict, live] : rows) {
+        SCOPED_TRACE(what);
+        auto [reports, traces] = Rewrite(target, length);
+        EXPECT_EQ(reports, *verdict ? std::vector{Report(target, length, verdict)}
+                                    : std::vector<std::string>{});
+        EXPECT_EQ(traces, live ? 1u : 0u);
+    }
+    EXPECT_EQ(LumRegionVerifyDeep(region_), 0);
+}
+
+// A write the check finds bad still happens; with the property off the
+// check does not run: no report, no trace.
+TEST_F(MutationCheckTest, TheWriteGoesOnAndTheOffPropertyChecksNothing) {
+    uint8_t *a = Alloc(segment_, 40);
+    for (int32_t check : {1, 0}) {
+        region_mutation_check = check;
+        LumDebugFacilitySet("region_mutation", 1);
+        lumtest::LogCapture capture;
+        LumMemLogCpyUnsigned(segment_, a - 4, 48 + check); // a's head tag
+        EXPECT_EQ(ImageLoad32(a - 4), 48u + check);
+        EXPECT_EQ(capture.Find(kSetError, 12).size(), size_t(check));
+        EXPECT_EQ(capture.Find(kSetReport, 28).size(), size_t(check));
+        EXPECT_EQ(capture.Find(kSetReport, 26).size(), 0u) << "no block copy ran";
+    }
+    LumDebugFacilitySet("region_mutation", 0);
+}
+
+// With the check on, a good pointer is freed without a report, and forged
+// tags of a live chunk inside a free one are reported and left as they are.
+TEST_F(MutationCheckTest, FreeReportsAPointerOutsideLiveDataAndChangesNothing) {
+    uint8_t *a = Alloc(segment_, 40);
+    uint8_t *rest = a - 4 + 48;
+    ImageStore32(rest + 16, 16); // a forged live chunk of 16 bytes at rest + 16
+    ImageStore32(rest + 28, 16);
+    MutationCheckOn on;
+    lumtest::LogCapture capture;
+    EXPECT_EQ(LumMemFree(segment_, rest + 20), LUM_RC_DOUBLE_FREE);
+    EXPECT_EQ(ImageLoad32(rest + 16), 16u);
+    EXPECT_EQ(LumMemFree(segment_, a), 0);
+    auto reports = capture.Find(kSetError, 13);
+    ASSERT_EQ(reports.size(), 1u);
+    char expected[160];
+    snprintf(expected, sizeof expected,
+             "Attempted memory free error at '0x%p' in segment with ID = 0: Free memory write",
+             static_cast<void *>(rest + 20));
+    EXPECT_EQ(reports[0].text, expected);
+    EXPECT_EQ(LumRegionVerifyDeep(region_), 0);
+}
+
+// A chain that leaves the image or closes a circle ends the walk: a target
+// behind the damage is in no chunk the walk can reach.
+TEST_F(MutationCheckTest, ADamagedChainEndsTheWalkInsideTheImage) {
+    Alloc(segment_, 2400);
+    uint8_t *link = segment_->primary + extent_header::kNext;
+    uint8_t *secondary = region_->base + ImageLoad32(link);
+    uint8_t *in_secondary = secondary + extent_header::kSecondarySize + 20;
+    const std::pair<const char *, uint32_t> damage[] = {
+        {"a circle back to the primary extent", ImageOffsetOf(region_, segment_->primary)},
+        {"off a page", ImageOffsetOf(region_, secondary) + 8},
+        {"past the image", 0xFFFFF000u},
+    };
+    for (auto [what, next] : damage) {
+        SCOPED_TRACE(what);
+        ImageStore32(link, next);
+        uint32_t verdict = ~0u;
+        _LumMutationClassify(segment_, in_secondary, 4, &verdict);
+        EXPECT_EQ(verdict, MUTATION_NOT_FOUND);
+    }
+    ImageStore32(link, ImageOffsetOf(region_, secondary));
+}
