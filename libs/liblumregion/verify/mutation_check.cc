@@ -3,10 +3,11 @@
 // target is reported; the operation goes on regardless (a free of a pointer
 // outside every live chunk's data changes nothing, see LumMemFree).
 //
-// The classification walks the chain of the segment's extents, and only
-// the one extent whose chunk area holds the target chunk by chunk. It trusts
-// no tag: a size that is too small to step or runs past the area ends the
-// walk of that extent, so a damaged image is never read outside itself.
+// The classification follows the chain of the segment's extents to the one
+// whose chunk area holds the target, then that extent's chunks in address
+// order up to the target. It trusts no tag: a size too small to step or one
+// that runs past the area ends the walk, so a damaged image is never read
+// outside itself.
 #include "region/region.h"
 #include "verify/verify.h"
 
@@ -33,7 +34,8 @@ constexpr VerdictText kVerdictTexts[] = {
 // The verdict on `length` bytes at `into` bytes from the start of the chunk
 // at `chunk`, whose head tag is `tag`. A free chunk's first 12 bytes are its
 // tag and links; a live chunk's data are the size - 8 bytes behind its head
-// tag, and a write that ends exactly at their end is sound.
+// tag, and a write that ends exactly at their end is sound. A live chunk is
+// traced at the region_mutation debug switch.
 uint32_t Decide(const uint8_t *chunk, uint32_t tag, uint64_t into, uint32_t length) {
     uint32_t size = TagSize(tag);
     if ((tag & CHUNK_FREE) != 0)
