@@ -26,16 +26,20 @@
  * What survives
  *   - A change reaches the log buffer when it is made through the logged
  *     writes below, and the log file when LumRegionCommit returns: from then
- *     on it survives the death of the process. Neither a commit nor a
- *     checkpoint forces the file to stable storage, so a crash of the
- *     machine may lose it; the snapshot of a close or of LumRegionSyncAll is
- *     forced to disk.
+ *     on it survives the death of the process. By default neither a commit
+ *     nor a checkpoint forces the file to stable storage, so a crash of the
+ *     machine may lose it; with Region.SyncCommit on, a commit returns only
+ *     once its log is on disk (fdatasync), a checkpoint is forced to disk
+ *     before a commit acknowledges it, and the directory of files that
+ *     create or open makes is forced too. The snapshot of a close or of
+ *     LumRegionSyncAll is always forced to disk.
  *   - A store into the image by other means is not logged. It reaches disk
  *     only with its page, when a logged change marks that page or a snapshot
  *     writes the whole image. Page protection (below) catches such stores.
- *   - A log write that fails is reported in the log ("Logging failed"). The
- *     region goes on; its changes reach no log until the next checkpoint,
- *     which saves their pages instead.
+ *   - A log write (or, with Region.SyncCommit, its force) that fails is
+ *     reported in the log ("Logging failed") and shows in
+ *     LumRegionGetLogState. The region goes on; its changes reach no log
+ *     until the next checkpoint, which saves their pages instead.
  *
  * Life of the library
  *   1. LumRegionPropMgrInitialise and LumRegionArgMgrInitialise on the host's
@@ -147,19 +151,20 @@ extern "C" {
  *   Region.ProtectAll          "-regionprotectall"          default 0, option sets 1
  *   Region.MutationCheck       "-regionmutationcheck"       default 0, option sets 1
  *   Region.VerifyOnRecovery    "-regionnoverifyonrecovery"  default 1, option sets 0
+ *   Region.SyncCommit          "-regionsynccommit"          default 0, option sets 1
  *   Region.CheckpointInterval  "-regioncheckpointinterval <ms>"  default 60000
- * The first three are booleans. Region.CheckpointInterval is an integer:
+ * The first four are booleans. Region.CheckpointInterval is an integer:
  * the milliseconds the background thread sleeps between its checkpoint
  * passes over the regions; a value of 0 or below keeps the default. They
  * are read once, by LumRegionStartup. */
 
-/** Defines the library's four properties in @p properties, with their
+/** Defines the library's five properties in @p properties, with their
  *  defaults, in the group "Store".
  *  @return 0, or the first failure of LumPropMgrDefineWithFlags (the
  *  properties before it stay defined); -19 for a null manager. */
 LUMREGION_API int32_t LumRegionPropMgrInitialise(LumPropMgr *properties);
 
-/** Defines the library's four command-line options in @p arguments: each
+/** Defines the library's five command-line options in @p arguments: each
  *  boolean's assigns the opposite of its property's default, the interval's
  *  takes the value as its next argument.
  *  @return 0, or the first failure of LumArgMgrDefineWithFlags; -19 for a
@@ -170,7 +175,7 @@ LUMREGION_API int32_t LumRegionArgMgrInitialise(LumArgMgr *arguments);
 /* Start and stop                                                         */
 /* ---------------------------------------------------------------------- */
 
-/** Starts the library: reads the page size and the four properties from
+/** Starts the library: reads the page size and the five properties from
  *  @p properties, registers the result codes' texts, starts the thread
  *  "REGIONCHKPT", and keeps @p home, the data directory, with a '/' added
  *  unless it ends in one. Its one use: LumRegionSyncAll refuses to write
@@ -570,18 +575,35 @@ LUMREGION_API int32_t LumRegionVerifyDeep(LumRegion *region);
 
 /** Makes the logged changes so far survive the death of the process: one
  *  write of the log buffer to the log file of the current generation. When
- *  a checkpoint has finished, the commit of an online region acknowledges it, and recovery
- *  may then start from that checkpoint. A volatile or offline region writes
- *  nothing.
- *  Not a flush to stable storage: a commit survives the process, not the
- *  machine (LumRegionSyncAll and a close force their snapshots to disk).
+ *  a checkpoint has finished, the commit of an online region acknowledges
+ *  it, and recovery may then start from that checkpoint. A volatile or
+ *  offline region writes nothing.
+ *  By default not a flush to stable storage: a commit survives the process,
+ *  not the machine. With Region.SyncCommit on, the log is forced to disk
+ *  (fdatasync) before the commit returns.
  *  Requires the host's one writer of the region: it must not run beside
  *  another write or commit of it.
  *  @return 0, also when the log has failed: a failed log is reported in the
- *  log ("Logging failed"), its changes stay marked for the next checkpoint,
- *  and logging resumes once that checkpoint has moved the generation on;
- *  -19 for a null handle. */
+ *  log ("Logging failed") and in LumRegionGetLogState, its changes stay
+ *  marked for the next checkpoint, and logging resumes once that checkpoint
+ *  has moved the generation on; -19 for a null handle. */
 LUMREGION_API int32_t LumRegionCommit(LumRegion *region);
+
+/** What LumRegionGetLogState reports of a persistent region's log. */
+typedef struct LumLogState {
+    uint32_t generation;   /**< the generation whose log commits reach now */
+    int32_t failed;        /**< 1: no log write succeeded since a log failed */
+    uint32_t failed_since; /**< while failed: the generation of that first failure */
+} LumLogState;
+
+/** Fills @p state: whether the commits of @p region reach its log. A log
+ *  that fails stays failed for the rest of its generation; the commits made
+ *  since generation failed_since did not reach a log, and their changes wait
+ *  for the next checkpoint. failed goes back to 0 at the first commit whose
+ *  log write succeeds. Reads only; any thread.
+ *  @return 0; -19 for a null handle or state, or a region that is not
+ *  persistent. */
+LUMREGION_API int32_t LumRegionGetLogState(LumRegion *region, LumLogState *state);
 
 /** Stops logging for @p region: changes are still marked, commits write
  *  nothing, and the background thread leaves the region alone. Waits for a

@@ -186,6 +186,16 @@ bool WriteDirtyPages(LumRegion *region, int parity) {
     return true;
 }
 
+// With Region.SyncCommit on, forces the chk file to disk before the commit
+// that acknowledges it: recovery may start from it once acknowledged.
+bool ForcedWhenAsked(int fd) {
+    if (region_sync_commit != 1 || lum_platform.fdatasync(fd) == 0)
+        return true;
+    LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 32,
+           "_LumRegionCheckpoint(): failed to force the chk file to disk: %s", strerror(errno));
+    return false;
+}
+
 // One visit, under the region's mutex so that the region cannot go offline
 // during it.
 void VisitRegion(LumRegion *region) {
@@ -220,7 +230,7 @@ int32_t _LumRegionCheckpoint(LumRegion *region) {
         Report(6, "_LumRegionCheckpoint(): failed to write file header");
         written = false;
     } else {
-        written = WriteDirtyPages(region, parity);
+        written = WriteDirtyPages(region, parity) && ForcedWhenAsked(region->chk_fd[parity]);
     }
 
     if (!written) {

@@ -4,7 +4,10 @@
 // buffer to the log of the current generation. When a finished checkpoint
 // waits (CHECKPOINT_DONE), the commit acknowledges it with LOG_CHECKPOINT
 // just ahead of its LOG_COMMIT; from then on recovery may use that chk file.
-// A commit cannot fail: a failed log is a state (log_failed) and a report.
+// A commit cannot fail: a failed log is a state (log_failed) and a report,
+// and LumRegionGetLogState tells the host since which generation its
+// commits have not reached a log. With Region.SyncCommit on, a commit forces
+// its log to disk, and a failed force fails the log as a failed write does.
 //
 // Acknowledging commit, by what its flush did:
 //   log good         state ACKED; protected_generation = G, next_generation
@@ -29,6 +32,8 @@ namespace {
 void CommitRecords(LumRegion *region) {
     _LumLogBufferAppend(region, LOG_COMMIT, 0, 0);
     _LumLogBufferFlush(region);
+    if (region_sync_commit == 1)
+        _LumLogBufferForce(region);
 }
 
 void AcknowledgeCheckpoint(LumRegion *region) {
@@ -55,6 +60,15 @@ int32_t LumRegionCommit(LumRegion *region) {
     return 0;
 }
 
+int32_t LumRegionGetLogState(LumRegion *region, LumLogState *state) {
+    if (region == nullptr || state == nullptr || !IsPersistent(region))
+        return LUM_RC_FAILURE;
+    bool failing = region->log_failing.load(std::memory_order_acquire);
+    *state = {region->generation.load(std::memory_order_relaxed), failing ? 1 : 0,
+              failing ? region->log_failed_since.load(std::memory_order_relaxed) : 0};
+    return 0;
+}
+
 void LumRegionOffline(LumRegion *region) {
     if (region == nullptr)
         return;
@@ -72,6 +86,7 @@ void LumRegionOnline(LumRegion *region) {
     LumMutexLock(region->mutex);
     if (IsPersistent(region) && _LumRegionCheckpoint(region) != 0) {
         region->log_failed.store(1, std::memory_order_relaxed);
+        NoteLogFailure(region, region->generation.load(std::memory_order_relaxed));
         region->log_follows_gap = true;
         region->next_generation.store(GenerationAfterFailure(region), std::memory_order_relaxed);
         region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_release);

@@ -43,6 +43,10 @@ static_assert(sizeof(DirtyMap) == 4);
 int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestamp, uint8_t flags);
 // Reads the 32 header bytes at offset 0 without judging them. 0 or -19.
 int32_t _LumFileHeaderRead(int fd, uint8_t *header);
+// Forces the entries of `directory` (empty: the current one) to disk, so
+// that files made or renamed there survive the machine. 0, or the errno
+// value (-19 when there is none) after reporting the failure.
+int32_t _LumDirectoryForce(const char *directory);
 
 // The timestamp of the next header the region writes: max(now, last + 1),
 // so that every file of a region is ordered by time as by generation, also
@@ -98,6 +102,20 @@ __attribute__((noinline)) void _LumImageMarkDirtyOutOfLine(LumRegion *region, co
 // restarting that log first when the generation has moved since the last
 // flush. Does nothing for a volatile or offline region, or a failed log.
 void _LumLogBufferFlush(LumRegion *region);
+// Forces the log that the last flush wrote to disk (Region.SyncCommit); a
+// failure fails that log as a failed write does. Does nothing when the
+// region logs nothing now or its log has failed.
+void _LumLogBufferForce(LumRegion *region);
+
+// Notes that the log of `generation` failed. The first failure since a log
+// write last succeeded is where LumRegionGetLogState says the run of
+// failures began; the next successful flush ends it.
+inline void NoteLogFailure(LumRegion *region, uint32_t generation) {
+    if (region->log_failing.load(std::memory_order_relaxed))
+        return;
+    region->log_failed_since.store(generation, std::memory_order_relaxed);
+    region->log_failing.store(true, std::memory_order_release);
+}
 
 // dirty_map.cc ---------------------------------------------------------------
 

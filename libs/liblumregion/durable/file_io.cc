@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <sys/file.h>
 
 #include "durable/durable.h"
@@ -55,6 +56,21 @@ int32_t _LumFileHeaderWriteStamped(int fd, uint32_t generation, int32_t timestam
     ImageStore32(header + file_header::kTimestamp, static_cast<uint32_t>(timestamp));
     ImageStore32(header + file_header::kPageSize, region_page_size);
     return _LumPwrite(fd, header, sizeof header, 0) == file_header::kSize ? 0 : LUM_RC_FAILURE;
+}
+
+int32_t _LumDirectoryForce(const char *directory) {
+    const char *path = directory[0] != '\0' ? directory : "."; // empty: the current one
+    errno = 0;
+    int fd = lum_platform.open(path, O_RDONLY | O_DIRECTORY, 0);
+    bool forced = fd >= 0 && lum_platform.fsync(fd) == 0;
+    int error = errno;
+    if (fd >= 0)
+        lum_platform.close(fd);
+    if (forced)
+        return 0;
+    LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 31,
+           "Failed to force directory \"%s\" to disk: %s", path, strerror(error));
+    return error != 0 ? error : LUM_RC_FAILURE;
 }
 
 int32_t _LumFileHeaderRead(int fd, uint8_t *header) {

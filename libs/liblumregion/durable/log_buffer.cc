@@ -63,6 +63,7 @@ void FailLog(LumRegion *region, uint32_t generation, int error) {
     LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 1, "Logging failed: \"%s\": %s",
            region->name, strerror(error));
     region->log_failed.store(1, std::memory_order_relaxed);
+    NoteLogFailure(region, generation);
     region->log_follows_gap = true;
     region->log_buffer->used = 0;
     region->flushed_generation.store(generation, std::memory_order_relaxed);
@@ -208,4 +209,14 @@ void _LumLogBufferFlush(LumRegion *region) {
     }
     buffer->used = 0;
     region->flushed_generation.store(generation, std::memory_order_relaxed);
+    if (region->log_failing.load(std::memory_order_relaxed))
+        region->log_failing.store(false, std::memory_order_relaxed);
+}
+
+void _LumLogBufferForce(LumRegion *region) {
+    if (!IsLogging(region) || region->log_failed.load(std::memory_order_relaxed) != 0)
+        return;
+    uint32_t generation = region->flushed_generation.load(std::memory_order_relaxed);
+    if (lum_platform.fdatasync(region->log_fd[generation % 2]) != 0)
+        FailLog(region, generation, errno);
 }

@@ -210,6 +210,8 @@ int32_t ProbeAndJudge(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer
         return LUM_RC_BAD_FILES;
     if (int32_t rc = _LumFileLock(files->chk[0].fd); rc != 0)
         return rc;
+    if (region_sync_commit == 1 && _LumDirectoryForce(directory) != 0)
+        return LUM_RC_BAD_FILES; // a file made just now might not survive the machine
     for (int32_t parity = 0; parity < 2; ++parity)
         _LumLogCheck(&files->log[parity], buffer);
     for (int32_t parity = 0; parity < 2; ++parity)

@@ -87,23 +87,6 @@ int32_t WriteSnapshot(LumRegion *region, const char *tabnew) {
     return error;
 }
 
-// Forces the directory's entries (the new name of the snapshot) to disk. 0,
-// or the failure's code after reporting it.
-int32_t ForceDirectory(const char *directory) {
-    const char *path = directory[0] != '\0' ? directory : "."; // empty: the current one
-    errno = 0;
-    int fd = lum_platform.open(path, O_RDONLY | O_DIRECTORY, 0);
-    bool forced = fd >= 0 && lum_platform.fsync(fd) == 0;
-    int error = errno;
-    if (fd >= 0)
-        lum_platform.close(fd);
-    if (forced)
-        return 0;
-    LumLog(LUM_LOG_FAILURE, 1, region_catalog, kSetReport, 31,
-           "Failed to force directory \"%s\" to disk: %s", path, strerror(error));
-    return FailureCode(error);
-}
-
 // Writes the snapshot, renames it over the .tab file and forces the
 // directory. 0 or the code of the failing step.
 int32_t SyncTo(LumRegion *region, const char *directory) {
@@ -119,7 +102,7 @@ int32_t SyncTo(LumRegion *region, const char *directory) {
     errno = 0;
     if (lum_platform.rename(tabnew, tab) != 0)
         return FailureCode(errno);
-    return ForceDirectory(directory);
+    return _LumDirectoryForce(directory);
 }
 
 // Frees the temporary strings of LumRegionSyncAll on every path.

@@ -55,6 +55,9 @@ extern int32_t region_protect_all;
 extern int32_t region_write_barrier;
 extern int32_t region_mutation_check;
 extern int32_t region_verify_on_recovery;
+// 1: a commit forces its log, a checkpoint its chk file, and a new file
+// its directory to disk before they count.
+extern int32_t region_sync_commit;
 // Milliseconds the checkpoint thread sleeps between its passes.
 extern int32_t region_checkpoint_interval;
 extern LumRegion *region_registry[kRegistrySlots];

@@ -27,6 +27,7 @@ int32_t region_protect_all;
 int32_t region_write_barrier;
 int32_t region_mutation_check;
 int32_t region_verify_on_recovery;
+int32_t region_sync_commit;
 int32_t region_checkpoint_interval;
 LumRegion *region_registry[kRegistrySlots];
 LumMutex *region_registry_mutex;

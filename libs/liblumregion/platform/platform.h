@@ -53,6 +53,7 @@ struct LumPlatform {
     off_t (*lseek)(int fd, off_t offset, int whence);
     int (*ftruncate)(int fd, off_t length);
     int (*fsync)(int fd);
+    int (*fdatasync)(int fd);
     int (*unlink)(const char *path);
     int (*rename)(const char *from, const char *to);
     int (*stat)(const char *path, struct stat *info);

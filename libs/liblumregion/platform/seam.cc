@@ -27,6 +27,7 @@ const LumPlatform lum_platform_system = {
     .lseek = ::lseek,
     .ftruncate = ::ftruncate,
     .fsync = ::fsync,
+    .fdatasync = ::fdatasync,
     .unlink = ::unlink,
     .rename = ::rename,
     .stat = FileStat,

@@ -54,8 +54,9 @@ int32_t LockRegionFiles(LumRegion *region) {
 }
 
 // Under the region's lock: empties the locked "_0.chk", removes the
-// snapshot of an earlier region of the name, and creates (emptying) the
-// other three working files. All steps are tried.
+// snapshot of an earlier region of the name, creates (emptying) the other
+// three working files, and with Region.SyncCommit on forces the directory.
+// All steps are tried.
 int32_t CreateWorkingFiles(LumRegion *region) {
     int32_t failed = lum_platform.ftruncate(region->chk_fd[0], 0) == 0 ? 0 : LUM_RC_FILE_CREATE;
     char path[kPathBufferSize];
@@ -66,6 +67,8 @@ int32_t CreateWorkingFiles(LumRegion *region) {
     failed |= _LumRegionFileCreate(region->name, region->directory, "_1.chk", &region->chk_fd[1]);
     failed |= _LumRegionFileCreate(region->name, region->directory, "_0.log", &region->log_fd[0]);
     failed |= _LumRegionFileCreate(region->name, region->directory, "_1.log", &region->log_fd[1]);
+    if (region_sync_commit == 1)
+        failed |= _LumDirectoryForce(region->directory) == 0 ? 0 : LUM_RC_FILE_CREATE;
     return failed == 0 ? 0 : LUM_RC_FILE_CREATE;
 }
 

@@ -91,6 +91,8 @@ struct LumRegion {
     std::atomic<uint32_t> log_failed;
     std::atomic<uint32_t> protected_generation; // see GenerationAfterFailure (durable.h)
     bool log_follows_gap;                       // the next log restart marks a gap; writer only
+    std::atomic<bool> log_failing;              // no flush succeeded since a log failed
+    std::atomic<uint32_t> log_failed_since;     // the generation of that first failure
     int32_t sync_failed;                        // the last sync failed: working files stay at close
     std::atomic<int32_t> last_timestamp; // the newest header timestamp of this region's files
     std::atomic<uint32_t> checkpoint_state;
