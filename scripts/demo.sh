@@ -4,7 +4,8 @@
 # build/default/lumdemo-data/. "scripts/demo.sh crash" runs the crash demo
 # instead: a host killed after its commits, then its second run;
 # "scripts/demo.sh directory" runs the directory demo three times: a
-# two-key hash table and a journal list kept across runs.
+# two-key hash table and a journal list kept across runs; "scripts/demo.sh
+# cxx" runs the C++ ledger demo three times.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -20,6 +21,14 @@ if [[ "${1:-}" == directory ]]; then
     rm -rf build/default/lumdirectory-data/
     for run in 1 2 3; do
         build/default/examples/lumdirectorydemo build/default/lumdirectory-data/
+    done
+    exit 0
+fi
+if [[ "${1:-}" == cxx ]]; then
+    cmake --build --preset default --target lumcxxdemo
+    rm -rf build/default/lumcxx-data/
+    for run in 1 2 3; do
+        build/default/examples/lumcxxdemo build/default/lumcxx-data/
     done
     exit 0
 fi

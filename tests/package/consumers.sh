@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Installs a build into a temporary prefix and builds two hosts against it,
 # one through find_package(lumregion CONFIG), one through pkg-config, and
-# runs both.
-#   consumers.sh BUILD_DIR LIBDIR GENERATOR C_COMPILER [FLAGS]
+# runs both: the first in C++ with lumregion.hpp, the second in C.
+#   consumers.sh BUILD_DIR LIBDIR GENERATOR C_COMPILER CXX_COMPILER [FLAGS]
 # LIBDIR is the build's CMAKE_INSTALL_LIBDIR; FLAGS (the build's sanitizer
 # flags) go to both consumers, as a sanitized library needs its runtime
 # loaded first.
 set -euo pipefail
-build=$1 libdir=$2 generator=$3 cc=$4 flags=${5:-}
+build=$1 libdir=$2 generator=$3 cc=$4 cxx=$5 flags=${6:-}
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d "$build/package.XXXXXX")
 trap 'rm -rf "$work"' EXIT
@@ -15,8 +15,8 @@ prefix=$work/prefix
 
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 
-cmake -S "$here/cmake_consumer" -B "$work/cmake" -G "$generator" -DCMAKE_C_COMPILER="$cc" \
-    -DCMAKE_C_FLAGS="$flags" -DCMAKE_PREFIX_PATH="$prefix" >"$work/configure.log"
+cmake -S "$here/cmake_consumer" -B "$work/cmake" -G "$generator" -DCMAKE_CXX_COMPILER="$cxx" \
+    -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_PREFIX_PATH="$prefix" >"$work/configure.log"
 cmake --build "$work/cmake" >"$work/build.log"
 "$work/cmake/cmake_consumer"
 
