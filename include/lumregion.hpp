@@ -12,8 +12,8 @@
  * in lum::category() and whose what() names the operation; its twin takes a
  * std::error_code& last, is noexcept and leaves the code there (clear on
  * success). Positive codes are errno values and compare equal to std::errc.
- * The containers report only "failed" (the reason is in the log): their
- * code is -19.
+ * A container operation that fails reports its reason in the log and
+ * gives -19 (12 for a cursor that gets no memory).
  *
  * Changing the image: lum::log_store(segment, &object->field, value) stores
  * and logs with the operation that fits the field's type, and refuses at

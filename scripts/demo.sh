@@ -16,20 +16,20 @@ if [[ "${1:-}" == crash ]]; then
     build/default/examples/lumcrashdemo build/default/lumcrash-data/ || true # dies by SIGKILL
     exec build/default/examples/lumcrashdemo build/default/lumcrash-data/
 fi
-if [[ "${1:-}" == directory ]]; then
-    cmake --build --preset default --target lumdirectorydemo
-    rm -rf build/default/lumdirectory-data/
+# Runs example $1 three times over a fresh data directory $2.
+run_three_times() {
+    cmake --build --preset default --target "$1"
+    rm -rf "build/default/$2/"
     for run in 1 2 3; do
-        build/default/examples/lumdirectorydemo build/default/lumdirectory-data/
+        "build/default/examples/$1" "build/default/$2/"
     done
+}
+if [[ "${1:-}" == directory ]]; then
+    run_three_times lumdirectorydemo lumdirectory-data
     exit 0
 fi
 if [[ "${1:-}" == cxx ]]; then
-    cmake --build --preset default --target lumcxxdemo
-    rm -rf build/default/lumcxx-data/
-    for run in 1 2 3; do
-        build/default/examples/lumcxxdemo build/default/lumcxx-data/
-    done
+    run_three_times lumcxxdemo lumcxx-data
     exit 0
 fi
 cmake --build --preset default --target lumdemo
