@@ -25,14 +25,21 @@ struct ToolRun {
     json Json() const { return json::parse(out); }
 };
 
+// Runs the tool; its stderr must hold no sanitizer report, whose exit
+// status could pass for a finding.
 ToolRun Tool(const std::string &arguments) {
-    std::string command = std::string(LUMREGION_TOOL) + " " + arguments + " 2>/dev/null";
+    lumtest::TempDir scratch;
+    std::string errors = scratch.path() + "stderr";
+    std::string command = std::string(LUMREGION_TOOL) + " " + arguments + " 2>" + errors;
     FILE *pipe = popen(command.c_str(), "r");
     std::string out;
     char chunk[4096];
     while (size_t read = fread(chunk, 1, sizeof chunk, pipe))
         out.append(chunk, read);
     int status = pclose(pipe);
+    std::vector<uint8_t> report = lumtest::ReadFile(errors);
+    EXPECT_EQ(std::string(report.begin(), report.end()).find("Sanitizer"), std::string::npos)
+        << arguments;
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
