@@ -30,29 +30,15 @@ struct SegmentCount {
     bool damaged = false;
 };
 
-// The extent at `offset`, or null when no extent of the image can stand
-// there.
-const uint8_t *ExtentAt(const LumRegion *region, uint32_t offset) {
-    uint32_t used = region->used.load();
-    if (offset == 0 || offset % region_page_size != 0 || offset >= used)
-        return nullptr;
-    const uint8_t *extent = region->base + offset;
-    uint32_t size = BlockSize(extent);
-    if (size < region_page_size || uint64_t{offset} + size > used)
-        return nullptr;
-    return extent;
-}
-
-// Counts the chunks of one extent whose header takes `header` bytes.
-void CountExtent(const uint8_t *extent, uint32_t header, SegmentCount *count) {
-    uint64_t extent_size = BlockSize(extent);
-    uint64_t at = header + 16; // behind the header and the front fence
+// Counts the chunks of one extent's area, up to its rear fence.
+void CountExtent(const ChunkArea &area, SegmentCount *count) {
+    uint64_t extent_size = BlockSize(area.extent);
     ++count->extents;
     count->total_bytes += extent_size;
-    for (;;) {
-        uint32_t tag = ImageLoad32(extent + at);
+    for (const uint8_t *at = area.begin;;) {
+        uint32_t tag = ImageLoad32(at);
         uint32_t size = TagSize(tag);
-        if (size < 16 || at + size + 4 > extent_size) {
+        if (size < 16 || uint64_t(at - area.extent) + size + 4 > extent_size) {
             count->damaged = true;
             return;
         }
@@ -71,21 +57,22 @@ void CountExtent(const uint8_t *extent, uint32_t header, SegmentCount *count) {
     }
 }
 
-SegmentCount CountSegment(const LumRegion *region, uint32_t primary) {
+// A primary extent must lie on a page inside the image and fit it; the
+// chain behind it is walked as the library walks it, bounded by the image.
+SegmentCount CountSegment(LumRegion *region, uint32_t primary) {
     SegmentCount count;
-    uint32_t extents_left = region->used.load() / region_page_size;
-    const uint8_t *extent = ExtentAt(region, primary);
-    uint32_t header = extent_header::kPrimarySize;
-    count.damaged = extent == nullptr;
-    while (extent != nullptr && !count.damaged) {
-        CountExtent(extent, header, &count);
-        uint32_t next = ImageLoad32(extent + extent_header::kNext);
-        if (next == 0)
-            break;
-        extent = extents_left-- == 0 ? nullptr : ExtentAt(region, next);
-        count.damaged = count.damaged || extent == nullptr;
-        header = extent_header::kSecondarySize;
+    uint32_t used = region->used.load();
+    uint8_t *extent = region->base + primary;
+    if (primary % region_page_size != 0 || primary >= used ||
+        uint64_t{primary} + BlockSize(extent) > used || BlockSize(extent) < region_page_size) {
+        count.damaged = true;
+        return count;
     }
+    LumSegment segment{region, extent};
+    ExtentChain chain = _LumExtentChainBegin(&segment);
+    for (; chain.extent != nullptr && !count.damaged; _LumExtentChainNext(&chain))
+        CountExtent(ChunkAreaOf(&segment, chain.extent), &count);
+    count.damaged = count.damaged || chain.broken;
     return count;
 }
 
