@@ -1,7 +1,7 @@
-// Memory, mutexes, events and per-thread exceptions. Threads are tested with
-// the library's checkpoint thread in the start-up test, which also fails the
-// allocations of the locale, the catalogue, the mutex, the event and the
-// thread in turn.
+// Memory and per-thread exceptions. Mutexes, events and threads are tested
+// with the library's checkpoint thread in the start-up test, which also
+// fails the allocations of the locale, the catalogue, the mutex, the event
+// and the thread in turn.
 #include <functional>
 #include <gtest/gtest.h>
 #include <thread>
@@ -37,26 +37,6 @@ TEST(RsMemoryTest, StringOperationsReportNoMemoryOnce) {
         EXPECT_EQ(operation(), ENOMEM);
         EXPECT_EQ(operation(), 0);
     }
-}
-
-// The holder may destroy a mutex (AddressSanitizer reports a leak if it
-// stays); a null one is refused.
-TEST(RsMutexTest, ItsHolderMayDestroyIt) {
-    LumMutex *mutex = nullptr;
-    ASSERT_EQ(LumMutexCreate("RegionOpen", &mutex), 0);
-    ASSERT_EQ(LumMutexLock(mutex), 0);
-    EXPECT_EQ(LumMutexDestroy(mutex), 0);
-    EXPECT_EQ(LumMutexLock(nullptr), EINVAL);
-}
-
-TEST(RsEventTest, SignalBeforeTheWaitIsKeptForOneWaitThenTheWaitTimesOut) {
-    LumEvent *event = nullptr;
-    ASSERT_EQ(LumEventCreate(&event), 0);
-    LumEventSignal(event);
-    LumEventSignal(event);
-    EXPECT_EQ(LumEventTimedWait(event, 0), 0);
-    EXPECT_EQ(LumEventTimedWait(event, 1), ETIMEDOUT);
-    EXPECT_EQ(LumEventDestroy(event), 0);
 }
 
 // A raise is logged, handed to the handler, and pending in the raising
