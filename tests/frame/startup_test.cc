@@ -181,18 +181,6 @@ TEST(Startup, FailedStartsMayBeRetriedWithoutLeaking) {
     }
 }
 
-TEST(LoadHook, RegistersTheVersionAndTheDebugFacilities) {
-    EXPECT_STREQ(LumVersionInfoLookup("liblumregion"), "liblumregion: " LUMREGION_VERSION);
-    const std::pair<const char *, int32_t *> facilities[] = {
-        {"region", &region_debug}, {"region_mutation", &region_mutation_debug}};
-    for (auto [name, flag] : facilities) {
-        for (int32_t on : {1, 0}) {
-            ASSERT_EQ(LumDebugFacilitySet(name, on), 0) << name;
-            EXPECT_EQ(*flag, on) << name;
-        }
-    }
-}
-
 // The checkpoint interval is an integer property, 60000 unless set. Its
 // option takes the value from the next argument; a value that is not
 // positive keeps the default, and a bad or missing one stays unparsed.
@@ -209,10 +197,6 @@ TEST(Properties, CheckpointIntervalComesFromItsIntegerOption) {
     for (const auto &row : rows) {
         SCOPED_TRACE(row.text ? row.text : "missing");
         LumPropMgr *properties = Properties();
-        LumValue value{};
-        ASSERT_EQ(LumPropMgrGetValue(properties, "Region.CheckpointInterval", &value), 0);
-        EXPECT_EQ(value.type, LUM_VALUE_INTEGER);
-        EXPECT_EQ(value.value.integer, 60000);
         LumArgMgr *arguments = nullptr;
         ASSERT_EQ(LumArgMgrCreate(properties, &arguments), 0);
         ASSERT_EQ(LumRegionArgMgrInitialise(arguments), 0);
