@@ -197,9 +197,9 @@ TEST_F(ListTest, AFailedAllocationIsReportedOrRaisedAndLeavesNothing) {
         LumException raised;
         ASSERT_EQ(LumThreadExceptionGet(&raised), 0);
         LumThreadExceptionClear();
-        EXPECT_STREQ(raised.class_name, "RegionList");
-        EXPECT_STREQ(raised.message, "Failed to allocate persistent list entry");
-        EXPECT_EQ(raised.value, size == 64 ? full : LumRCToString(LUM_RC_FAILURE));
+        EXPECT_EQ(std::string(raised.class_name) + "|" + raised.message + "|" + raised.value,
+                  "RegionList|Failed to allocate persistent list entry|" +
+                      (size == 64 ? full : LumRCToString(LUM_RC_FAILURE)));
     }
     EXPECT_EQ(LumSegmentGetUsedBytes(segment), used);
     LumSegmentClose(segment);
