@@ -269,31 +269,51 @@ TEST_P(AllocTest, SegmentsTakeTheLowestFreeIdDropOnceAndRefuseBadParameters) {
     EXPECT_EQ(LumRegionDrop(region_), LUM_RC_SEGMENTS_REMAIN);
 }
 
-// Random allocations, filled and logged, and frees over several segments,
-// checked against a model of the live chunks, the image proved sound.
+// Random allocations over several segments, filled while they are open and
+// ended with LumMemLog or LumMemNoLog, and frees, checked against a model of
+// the live chunks, the image proved sound. No store into an open allocation
+// may fault while the allocator and the ends of others protect the pages
+// around it; an ended one is read-only where the region protects.
 TEST_P(AllocTest, RandomRunKeepsTheModelAndAVerifiableImage) {
     std::mt19937 random(12345);
     std::vector<LumSegment *> segments = {Segment(8192, 4096, 25), Segment(65536, 16384, 0),
                                           Segment(4096, 0)};
-    std::map<uint8_t *, std::tuple<LumSegment *, uint32_t, uint8_t>> live; // segment, size, fill
+    struct Chunk {
+        LumSegment *segment;
+        uint32_t size;
+        uint8_t fill;
+    };
+    std::map<uint8_t *, Chunk> live;
+    std::vector<uint8_t *> open; // allocated and not yet ended
     for (int step = 0; step < 4000; ++step) {
-        if (live.empty() || random() % 3 != 0) {
+        uint32_t action = open.size() >= 16 ? 4 : random() % 6; // allocate, refill, end, free
+        if (live.empty() || action <= 2) {
             LumSegment *segment = segments[random() % segments.size()];
             uint32_t size = random() % 4 == 0 ? 1 + random() % 12000 : 1 + random() % 300;
-            uint8_t *at = nullptr, fill = static_cast<uint8_t>(random());
+            uint8_t *at = nullptr;
             ASSERT_EQ(LumMemAlloc(segment, size, reinterpret_cast<void **>(&at)), 0);
             ASSERT_GE(LumMemGetSize(at), size);
-            memset(at, fill, size); // plain stores: a new chunk is writable
-            LumMemLog(segment, at);
-            for (auto &[other, entry] : live)
-                ASSERT_TRUE(at + size <= other || other + std::get<1>(entry) <= at) << "overlap";
-            live[at] = {segment, size, fill};
+            for (auto &[other, chunk] : live)
+                ASSERT_TRUE(at + size <= other || other + chunk.size <= at) << "overlap";
+            Chunk &chunk = live[at] = {segment, size, static_cast<uint8_t>(random())};
+            memset(at, chunk.fill, size); // plain stores: a new chunk is writable
+            open.push_back(at);
+        } else if (action <= 4 && !open.empty()) {
+            size_t i = random() % open.size();
+            Chunk &chunk = live[open[i]];
+            if (action == 3) {
+                chunk.fill = static_cast<uint8_t>(random());
+                memset(open[i], chunk.fill, chunk.size);
+            } else {
+                (random() % 2 ? LumMemLog : LumMemNoLog)(chunk.segment, open[i]);
+                open.erase(open.begin() + static_cast<ptrdiff_t>(i));
+            }
         } else {
             auto it = std::next(live.begin(), random() % live.size());
-            auto [segment, size, fill] = it->second;
-            for (uint32_t i = 0; i < size; i += 97)
-                ASSERT_EQ(it->first[i], fill) << "contents of a live chunk";
-            ASSERT_EQ(LumMemFree(segment, it->first), 0);
+            for (uint32_t i = 0; i < it->second.size; i += 97)
+                ASSERT_EQ(it->first[i], it->second.fill) << "contents of a live chunk";
+            ASSERT_EQ(LumMemFree(it->second.segment, it->first), 0);
+            std::erase(open, it->first);
             live.erase(it);
         }
         if (step % 50 == 0) {
@@ -301,6 +321,10 @@ TEST_P(AllocTest, RandomRunKeepsTheModelAndAVerifiableImage) {
             LumRegionCommit(region_);
         }
     }
+    for (uint8_t *at : open)
+        LumMemLog(live[at].segment, at);
+    EXPECT_FALSE(region_->open_chunks.overflowed);
+    EXPECT_EQ(lumtest::FaultsInChild([&] { live.begin()->first[0] ^= 1; }), GetParam() != 0);
     EXPECT_EQ(FiguresOf(segments[0])[6] + FiguresOf(segments[1])[6] + FiguresOf(segments[2])[6],
               live.size());
 }

@@ -1,8 +1,8 @@
 // Page protection: which regions protect, which pages the two calls touch,
-// the allocations that stay writable until the host ends them, and the
-// report of a protection change that fails.
+// too many open allocations, and the report of a protection change that
+// fails. Allocations that stay writable until the host ends them are tested
+// in the allocator's seeded run.
 #include <cstring>
-#include <random>
 #include <tuple>
 
 #include "region_fixture.h"
@@ -60,47 +60,6 @@ TEST_F(RegionTest, ProtectionCoversEveryPageTheRangeTouches) {
         calls.emplace_back(call.address, call.length, call.writable);
     EXPECT_EQ(calls, (std::vector<Call>{{region->base + Page(), 2 * Page(), 0},
                                         {region->base + 2 * Page(), Page(), 1}}));
-}
-
-// A seeded run of a host on a protected region: it allocates, fills its
-// allocations whenever it likes and ends them with LumMemLog, LumMemNoLog
-// or LumMemFree, while the allocator and the other allocations' logs
-// protect pages around them. No store into an open allocation may fault,
-// and once all are ended their pages are read-only. Runs in a child, where
-// a fault shows as a signal.
-TEST_F(RegionTest, AllocationsStayWritableUntilTheHostEndsThem) {
-    LumRegion *region = Create(4 * kMiB, 4 * kMiB, 1);
-    LumSegment *segment = NewSegment(region);
-    int status = lumtest::RunInChild([&] {
-        std::vector<uint8_t *> open, ended;
-        std::mt19937 random(20240611);
-        for (int step = 0; step < 3000; ++step) {
-            uint32_t action = random() % 7; // allocate, fill, LumMemLog, LumMemNoLog, free
-            if (open.empty() || action <= 1) {
-                open.push_back(Allocate(segment, 1 + random() % 300));
-                action = 2; // and fill it
-            }
-            size_t at = action == 2 ? open.size() - 1 : random() % open.size();
-            uint8_t *some = open[at];
-            if (action <= 3) {
-                memset(some, static_cast<int>(random()), LumMemGetSize(some));
-                continue;
-            }
-            open.erase(open.begin() + static_cast<ptrdiff_t>(at));
-            if (action == 6) {
-                LumMemFree(segment, some);
-            } else {
-                (action == 4 ? LumMemLog : LumMemNoLog)(segment, some);
-                ended.push_back(some);
-            }
-        }
-        for (uint8_t *some : open)
-            LumMemLog(segment, some);
-        bool closed = FaultsInChild([&] { ended[0][0] ^= 1; });
-        return region->open_chunks.overflowed || !closed || LumRegionVerify(region) != 0;
-    });
-    EXPECT_EQ(lumtest::ExitCode(status), 0);
-    LumSegmentClose(segment);
 }
 
 // More open allocations than a region keeps track of: rather than close
