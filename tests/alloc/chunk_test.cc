@@ -36,17 +36,10 @@ class AllocTest : public PersistentTest, public ::testing::WithParamInterface<in
         EXPECT_EQ(LumRegionVerifyDeep(region_), 0);
         EXPECT_EQ(LumRegionDrop(region_), 0);
     }
+    // A segment that the test's end drops.
     LumSegment *Segment(uint32_t primary, uint32_t secondary = 0, uint32_t growth = 0,
                         uint32_t maximum = 0) {
-        LumSegment *segment = nullptr;
-        EXPECT_EQ(LumSegmentCreate(region_, primary, secondary, growth, maximum, &segment), 0);
-        return segments_.emplace_back(segment);
-    }
-    void *Alloc(LumSegment *segment, uint32_t size) {
-        void *pointer = nullptr;
-        EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
-        LumMemLog(segment, pointer);
-        return pointer;
+        return segments_.emplace_back(NewSegment(region_, primary, secondary, growth, maximum));
     }
 
     LumRegion *region_ = nullptr;
@@ -87,7 +80,7 @@ TEST_P(AllocTest, WorkedExampleLeavesTheseRecordsWhateverTheBufferHolds) {
         _LumDirtyMapFill(region_, 0, 0);
         _LumDirtyMapFill(region_, 1, 0);
         segment = segment != nullptr ? segment : Segment(65536);
-        ASSERT_EQ(LumMemFree(segment, Alloc(segment, 100)), 0);
+        ASSERT_EQ(LumMemFree(segment, AllocLogged(segment, 100)), 0);
         LumRegionCommit(region_);
         std::vector<ParsedRecord> all = ParseLog(Read("alloc_0.log"));
         EXPECT_TRUE(!commit_first || all[before].type == LOG_SIZE) << "a log opens with its size";
@@ -119,27 +112,27 @@ TEST_P(AllocTest, WorkedExampleLeavesTheseRecordsWhateverTheBufferHolds) {
 TEST_P(AllocTest, ChunkSizesSplitsAndMergesAtTheirEdges) {
     LumSegment *segment = Segment(4096);
     Figures empty = FiguresOf(segment);
-    std::vector<void *> live = {Alloc(segment, 100)};
-    auto *first = static_cast<uint8_t *>(live[0]);
+    uint8_t *first = AllocLogged(segment, 100);
+    std::vector<void *> live = {first};
     EXPECT_EQ(lumtest::FaultsInChild([&] { first[50] = 1; }), GetParam() != 0) << "closed";
     EXPECT_EQ(FiguresOf(segment), (Figures{0, 1, 4096, 2344, 1, 112, 1}));
     for (auto [request, usable] : {std::pair{0u, 8u}, {1u, 8u}, {8u, 8u}, {9u, 16u}}) {
-        live.push_back(Alloc(segment, request));
+        live.push_back(AllocLogged(segment, request));
         EXPECT_EQ(LumMemGetSize(live.back()), usable) << request;
     }
-    void *a = Alloc(segment, 24); // a chunk of 32
-    live.push_back(Alloc(segment, 8));
-    void *e = Alloc(segment, 16); // a chunk of 24
-    live.push_back(Alloc(segment, 8));
+    void *a = AllocLogged(segment, 24); // a chunk of 32
+    live.push_back(AllocLogged(segment, 8));
+    void *e = AllocLogged(segment, 16); // a chunk of 24
+    live.push_back(AllocLogged(segment, 8));
     ASSERT_EQ(LumMemFree(segment, a), 0);
     ASSERT_EQ(LumMemFree(segment, e), 0);
-    live.push_back(Alloc(segment, 8));
+    live.push_back(AllocLogged(segment, 8));
     EXPECT_EQ(live.back(), e) << "the best fit, 24, taken whole";
     EXPECT_EQ(LumMemGetSize(e), 16u);
-    live.push_back(Alloc(segment, 8));
+    live.push_back(AllocLogged(segment, 8));
     EXPECT_EQ(live.back(), a) << "the 32 is split into 16 and 16";
     uint32_t rest = FiguresOf(segment)[3] - 16; // less 8 bytes, a request takes it whole
-    live.push_back(Alloc(segment, rest - 8));
+    live.push_back(AllocLogged(segment, rest - 8));
     EXPECT_EQ(LumMemGetSize(live.back()), rest - 8);
     std::shuffle(live.begin(), live.end(), std::mt19937(7));
     for (void *pointer : live)
@@ -154,7 +147,7 @@ TEST_P(AllocTest, ChunkSizesSplitsAndMergesAtTheirEdges) {
 // that names no live chunk, moved by `shift` from a chunk's (d holds forged
 // tags), from the image's base (e), its end (f) or another segment's (g).
 TEST_P(AllocTest, FreesOfPointersThatNameNoLiveChunkChangeNothing) {
-    auto *elsewhere = static_cast<uint8_t *>(Alloc(Segment(4096), 40));
+    uint8_t *elsewhere = AllocLogged(Segment(4096), 40);
     const std::tuple<const char *, const char *, char, int32_t, int32_t> rows[] = {
         {"not a multiple of 8", "", 'a', 4, LUM_RC_FAILURE},
         {"in the region header", "", 'e', 8, LUM_RC_FAILURE},
@@ -174,7 +167,7 @@ TEST_P(AllocTest, FreesOfPointersThatNameNoLiveChunkChangeNothing) {
     for (auto [what, freed, target, shift, code] : rows) {
         SCOPED_TRACE(what);
         LumSegment *segment = Segment(4096);
-        auto chunk = [&] { return static_cast<uint8_t *>(Alloc(segment, 40)); };
+        auto chunk = [&] { return AllocLogged(segment, 40); };
         uint8_t *end = region_->base + region_->used; // the image's end
         uint8_t *chunks[] = {chunk(), chunk(), chunk(), chunk(), region_->base, end, elsewhere};
         for (auto [at, tag] : forged)
@@ -349,7 +342,7 @@ TEST_P(AllocTest, ScanWalksLiveChunksByExtentFromTheNewest) {
     EXPECT_TRUE(scan_all(segment).empty());
     std::vector<void *> chunks; // 1 in the primary extent, 2 in each secondary
     for (int i = 0; i < 5; ++i)
-        chunks.push_back(Alloc(segment, 1500));
+        chunks.push_back(AllocLogged(segment, 1500));
     EXPECT_EQ(FiguresOf(segment)[1], 3u) << "extents";
     EXPECT_EQ(scan_all(segment),
               (std::vector<void *>{chunks[0], chunks[3], chunks[4], chunks[1], chunks[2]}));

@@ -295,13 +295,9 @@ void ExpectRefused(const std::function<void *()> &call, uint32_t failing_malloc,
 
 // A segment whose first chunk of `bytes` holds `words`.
 uint32_t SegmentHolding(LumRegion *region, std::vector<uint32_t> words, uint32_t bytes) {
-    LumSegment *segment = nullptr;
-    void *chunk = nullptr;
-    LumSegmentCreate(region, 64 * 1024, 0, 0, 0, &segment);
-    if (bytes != 0 && LumMemAlloc(segment, bytes, &chunk) == 0) {
-        memcpy(chunk, words.data(), 4 * words.size());
-        LumMemLog(segment, chunk);
-    }
+    LumSegment *segment = NewSegment(region, 64 * 1024);
+    if (bytes != 0)
+        memcpy(AllocLogged(segment, bytes), words.data(), 4 * words.size());
     uint32_t id = SegmentId(segment);
     LumSegmentClose(segment);
     return id;

@@ -67,14 +67,12 @@ void WriteFile(const std::string &path, const std::vector<uint8_t> &bytes) {
 // files as a crash at some moment leaves them.
 struct History {
     History() {
-        void *base, *counter;
+        void *base;
         EXPECT_EQ(LumRegionCreate("p", LUM_REGION_PERSISTENT, 4 * kMiB, 4 * kMiB, 0, 0,
                                   live_dir.path().c_str(), &live, &base),
                   0);
-        EXPECT_EQ(LumSegmentCreate(live, 16384, 0, 0, 0, &segment), 0);
-        EXPECT_EQ(LumMemAlloc(segment, 4, &counter), 0);
-        LumMemLog(segment, counter);
-        counter_offset = ImageOffsetOf(live, static_cast<uint8_t *>(counter));
+        segment = NewSegment(live, 16384);
+        counter_offset = ImageOffsetOf(live, AllocLogged(segment, 4));
         Step(0);
     }
     ~History() {

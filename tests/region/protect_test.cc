@@ -9,22 +9,6 @@
 
 using lumtest::FaultsInChild;
 
-namespace {
-
-// A segment of `region` and an allocation in it.
-LumSegment *NewSegment(LumRegion *region) {
-    LumSegment *segment = nullptr;
-    EXPECT_EQ(LumSegmentCreate(region, 65536, 65536, 0, 0, &segment), 0);
-    return segment;
-}
-uint8_t *Allocate(LumSegment *segment, uint32_t size) {
-    void *pointer = nullptr;
-    EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
-    return static_cast<uint8_t *>(pointer);
-}
-
-} // namespace
-
 // A region protects when it asks to or when Region.ProtectAll is on: its
 // header is read-only after creation. A region that does not protect never
 // calls the platform, not even for an allocation, its log and its free.
@@ -37,10 +21,8 @@ TEST_F(RegionTest, OnlyProtectingRegionsRefuseStoresAndCallThePlatform) {
         uint8_t *word = region->base + region_header::kSegmentCount;
         EXPECT_EQ(FaultsInChild([&] { *word = 1; }), protect || all);
         lumtest::VmRecorder vm;
-        LumSegment *segment = NewSegment(region);
-        uint8_t *chunk = Allocate(segment, 64);
-        LumMemLog(segment, chunk);
-        EXPECT_EQ(LumMemFree(segment, chunk), 0);
+        LumSegment *segment = NewSegment(region, 65536);
+        EXPECT_EQ(LumMemFree(segment, AllocLogged(segment, 64)), 0);
         EXPECT_EQ(LumSegmentDrop(segment), 0);
         EXPECT_EQ(vm.protects.empty(), !(protect || all));
         region_protect_all = 0;
@@ -66,14 +48,14 @@ TEST_F(RegionTest, ProtectionCoversEveryPageTheRangeTouches) {
 // one under its host, the region stops protecting its pages.
 TEST_F(RegionTest, TooManyOpenAllocationsEndProtectionForTheRegion) {
     LumRegion *region = Create(kMiB, kMiB, 1);
-    LumSegment *segment = NewSegment(region);
-    std::vector<uint8_t *> chunks(kOpenChunkSlots + 1);
-    for (uint8_t *&chunk : chunks)
-        chunk = Allocate(segment, 64);
-    for (uint8_t *chunk : chunks)
+    LumSegment *segment = NewSegment(region, 65536);
+    std::vector<void *> chunks(kOpenChunkSlots + 1);
+    for (void *&chunk : chunks)
+        ASSERT_EQ(LumMemAlloc(segment, 64, &chunk), 0);
+    for (void *chunk : chunks)
         LumMemLog(segment, chunk);
     EXPECT_FALSE(FaultsInChild([&] {
-        for (uint8_t *chunk : chunks)
+        for (void *chunk : chunks)
             memset(chunk, 1, 64);
     }));
     LumSegmentClose(segment);
