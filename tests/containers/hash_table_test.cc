@@ -215,8 +215,8 @@ int32_t VisitNothing(void *, void *) {
 }
 
 // The words of header, bucket pairs and links after inserts, deletes (the
-// first link, then the only one), an insert into the emptied bucket and a
-// flush. Key indices beyond the keys give nothing and hash nothing.
+// first link, then the only one) and an insert into the emptied bucket. Key
+// indices beyond the keys give nothing and hash nothing.
 TEST_F(RegionTest, HashTableWordsAreTheDocumentedOnes) {
     LumRegion *region = Create(4 * kMiB, 4 * kMiB);
     LumRegHash *table = LumRegHashCreate(region, &kConfig, 3, kKeys, 2);
@@ -268,13 +268,9 @@ TEST_F(RegionTest, HashTableWordsAreTheDocumentedOnes) {
 
     LumRegHashFree(table, b);
     uint32_t freed = 0;
-    LumRegHashFlush(table, FreeItem, &freed);
+    LumRegHashDestroy(table, FreeItem, &freed);
     EXPECT_EQ(freed, 1u);
-    expect({{h + 8, 3, 0}});
-    for (uint32_t k = 0; k < 6; ++k)
-        expect({{bucket(0, k), 0, 0}});
     EXPECT_EQ(LumRegionVerifyDeep(region), 0);
-    LumRegHashClose(table);
 }
 
 std::string Text(int32_t code) {
