@@ -179,10 +179,10 @@ TEST(RegionClose, WaitsForAVisitInProgress) {
     EXPECT_TRUE(closed);
 }
 
-// One handle per region: a create of a name in use is refused and changes
-// none of its files; once the region is closed a create succeeds and starts
-// clean, without the snapshots of the earlier region.
-TEST_F(PersistentTest, CreateOfARegionInUseIsRefusedAndAfterItsCloseStartsClean) {
+// One handle per region: a create or an open of a name in use is refused
+// and changes none of its files; once the region is closed a create
+// succeeds and starts clean, without the snapshots of the earlier region.
+TEST_F(PersistentTest, RegionInUseIsRefusedAndAfterItsCloseACreateStartsClean) {
     LumRegion *first = CreatePersistent();
     Change(first, 64, 8, 0x5a);
     LumRegionCommit(first);
@@ -198,6 +198,11 @@ TEST_F(PersistentTest, CreateOfARegionInUseIsRefusedAndAfterItsCloseStartsClean)
     LumRegion *second = nullptr;
     EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, dir_.path().c_str(), &second), LUM_RC_IN_USE);
     EXPECT_EQ(second, nullptr);
+    void *base = &second;
+    second = first;
+    EXPECT_EQ(LumRegionOpen("p", kMiB, kMiB, 0, 0, dir_.path().c_str(), &second, &base),
+              LUM_RC_IN_USE);
+    EXPECT_TRUE(second == nullptr && base == nullptr);
     EXPECT_EQ(files(), before);
 
     ASSERT_EQ(LumRegionClose(first), 0);
