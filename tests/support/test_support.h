@@ -41,9 +41,6 @@ int RunInChild(const std::function<int()> &body);
 // exit of its own: true when the access faulted.
 bool FaultsInChild(const std::function<void()> &access);
 
-// Names of the threads of this process, from /proc/self/task/*/comm.
-std::vector<std::string> ThreadNames();
-
 // One call of a virtual-memory entry, as a recording platform saw it.
 struct VmCall {
     void *address;
