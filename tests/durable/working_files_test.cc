@@ -22,6 +22,18 @@ TEST_F(PersistentTest, DurabilityRecordsThatCannotBeHadGiveNoMemory) {
     }
 }
 
+// Both chk files of a new region are empty, so every page of the
+// reservation differs from both: each map is set up to its last bit.
+TEST_F(PersistentTest, NewRegionMarksEveryPageOfTheReservationInBothMaps) {
+    LumRegion *region = CreatePersistent();
+    for (DirtyMap *map : region->dirty_map) {
+        ASSERT_EQ(static_cast<uint32_t>(map->page_count), region->hard_limit / region_page_size);
+        for (uint32_t page = 0; page < static_cast<uint32_t>(map->page_count); ++page)
+            ASSERT_EQ(_LumDirtyMapTest(map, page), 1) << page;
+    }
+    EXPECT_EQ(LumRegionClose(region), 0);
+}
+
 // Every file starts with this header; a short write of it is a failure.
 TEST_F(PersistentTest, FileHeaderHoldsMagicVersionGenerationTimeAndPageSize) {
     int fd = lum_platform.open(Path("h").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
