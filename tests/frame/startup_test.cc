@@ -71,7 +71,7 @@ int32_t CreateVolatile(LumRegion **region) {
 }
 
 void ExpectChildPasses(const std::function<int()> &body, const std::string &what = "") {
-    EXPECT_EQ(lumtest::RunInChild(body), 0) << what;
+    EXPECT_EQ(lumtest::ExitCode(lumtest::RunInChild(body)), 0) << what;
 }
 
 } // namespace

@@ -14,19 +14,24 @@ int RunInChild(const std::function<int()> &body) {
         _exit(body());
     int status = 0;
     waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return status;
 }
 
 bool FaultsInChild(const std::function<void()> &access) {
     constexpr int kFaultExit = 77;
-    return RunInChild([&] {
-               struct sigaction action {};
-               action.sa_handler = [](int) { _exit(kFaultExit); };
-               sigaction(SIGSEGV, &action, nullptr);
-               sigaction(SIGBUS, &action, nullptr);
-               access();
-               return 0;
-           }) == kFaultExit;
+    int status = RunInChild([&] {
+        struct sigaction action {};
+        action.sa_handler = [](int) { _exit(kFaultExit); };
+        sigaction(SIGSEGV, &action, nullptr);
+        sigaction(SIGBUS, &action, nullptr);
+        access();
+        return 0;
+    });
+    return ExitCode(status) == kFaultExit;
+}
+
+int ExitCode(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 VmRecorder::VmRecorder() {
@@ -50,7 +55,7 @@ template <typename Pass> ssize_t FileFaults::Write(size_t count, Pass pass) {
         return pass(count);
     if (active_->short_write)
         return pass(count / 2);
-    errno = ENOSPC;
+    errno = active_->write_errno;
     return -1;
 }
 

@@ -33,13 +33,15 @@ struct MallocFailure {
     ~MallocFailure() { lum_malloc_fail_at(0); }
 };
 
-// Runs `body` in a forked child, which exits with body's result: gives that
-// exit code, or -1 when the child died of a signal.
+// Runs `body` in a forked child and returns its exit status as waitpid
+// reports it. The child exits with body's result, or dies of a signal.
 int RunInChild(const std::function<int()> &body);
 
 // Runs `access` in a forked child that turns SIGSEGV and SIGBUS into an
 // exit of its own: true when the access faulted.
 bool FaultsInChild(const std::function<void()> &access);
+// The exit code of a child that exited normally, -1 otherwise.
+int ExitCode(int status);
 
 // One call of a virtual-memory entry, as a recording platform saw it.
 struct VmCall {
@@ -68,7 +70,8 @@ struct FileFaults {
     FileFaults();
     ~FileFaults() { active_ = nullptr; }
     int fail_write_at = 0;        // the n-th write from now fails (1 is the next)
-    bool short_write = false;     // ... writing half and reporting it, or with ENOSPC
+    int write_errno = ENOSPC;     // ... with this errno, or
+    bool short_write = false;     // ... writes half and reports it
     std::string fail_open_suffix; // opens of paths ending so fail with EACCES
     bool fail_rename = false;     // renames fail with EXDEV
     bool fail_ftruncate = false;  // truncates fail with EIO
