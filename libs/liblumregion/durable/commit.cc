@@ -5,9 +5,10 @@
 // waits (CHECKPOINT_DONE), the commit acknowledges it with LOG_CHECKPOINT
 // just ahead of its LOG_COMMIT; from then on recovery may use that chk file.
 // A commit cannot fail: a failed log is a state (log_failed) and a report,
-// and LumRegionGetLogState tells the host since which generation its
-// commits are not durable: until the next acknowledged checkpoint. With Region.SyncCommit on, a
-// commit forces its log to disk, and a failed force fails the log as a failed write does.
+// and LumRegionGetLogState tells the host from which generation on its
+// commits are at risk, until the next acknowledged checkpoint. With
+// Region.SyncCommit on, a commit forces its log to disk, and a failed force
+// fails the log as a failed write does.
 //
 // Acknowledging commit, by what its flush did:
 //   log good         state ACKED; protected_generation = G, next_generation
