@@ -381,4 +381,33 @@ TEST_F(RegionTest, HashTableRefusalsReportAndLeaveNothingHalfDone) {
     EXPECT_EQ(LumRegionVerifyDeep(region), 0);
 }
 
+// A chain whose last link points back into it, past the image or into the
+// region header ends every walk with a report: find and the cursor stop
+// within the steps the image has room for.
+TEST_F(RegionTest, HashTableDamagedChainsEndEveryWalk) {
+    LumRegion *region = Create(4 * kMiB, 4 * kMiB);
+    LumRegHash *table = LumRegHashCreate(region, &kConfig, 1, kKeys, 1);
+    uint8_t *last = static_cast<uint8_t *>(Put(table, {1, {5, 0, 0}})) - 8; // its link
+    Put(table, {2, {6, 0, 0}});                                             // heads the chain
+    const std::pair<const char *, uint32_t> damage[] = {{"a circle", ImageOffsetOf(region, last)},
+                                                        {"past the image", region->used + 4096},
+                                                        {"the region header", 64}};
+    for (auto [what, next] : damage) {
+        SCOPED_TRACE(what);
+        ImageStore32(last, next);
+        lumtest::LogCapture capture;
+        Record missing{0, {7, 0, 0}};
+        EXPECT_EQ(LumRegHashFind(table, &missing, 0), nullptr);
+        LumRegHashCursor *cursor = LumRegHashCursorOpen(table);
+        uint32_t returned = 0;
+        while (LumRegHashCursorNext(cursor) != nullptr)
+            ++returned;
+        LumRegHashCursorClose(cursor);
+        EXPECT_LE(returned, region->used / 8);
+        EXPECT_EQ(capture.Find(102, 0).size(), 2u);
+    }
+    ImageStore32(last, 0);
+    LumRegHashClose(table);
+}
+
 } // namespace

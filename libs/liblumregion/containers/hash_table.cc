@@ -65,9 +65,10 @@ struct LumRegHash {
 
 struct LumRegHashCursor {
     LumRegHash *table;
-    uint8_t *current;  // link of key 0 returned last; null at first
-    RegionOffset next; // link to return next; 0 when the chain is used up
-    uint32_t bucket;   // bucket of key 0 being walked
+    uint8_t *current;    // link of key 0 returned last; null at first
+    RegionOffset next;   // link to return next; 0 when the chain is used up
+    uint32_t bucket;     // bucket of key 0 being walked
+    uint32_t steps_left; // links the walk may still take (see ChainSteps)
 };
 
 namespace {
@@ -91,6 +92,28 @@ uint8_t *At(const LumRegHash *table, RegionOffset offset) {
 
 RegionOffset OffsetOf(const LumRegHash *table, const uint8_t *at) {
     return static_cast<RegionOffset>(at - table->base);
+}
+
+// Chains are walked without trusting their links: a walk takes at most as
+// many steps as the image has room for link pairs, so a cycle ends.
+uint32_t ChainSteps(const LumRegHash *table) {
+    return table->region->used.load(std::memory_order_relaxed) / hash_link::kSize;
+}
+
+// The link at `offset` of a chain being walked: null at the chain's end,
+// and null with a report at a link whose item's links do not lie inside the
+// image's used bytes or when `*steps_left` is spent.
+uint8_t *ChainLink(const LumRegHash *table, RegionOffset offset, uint32_t *steps_left) {
+    if (offset == 0)
+        return nullptr;
+    uint64_t end = uint64_t{offset} + hash_link::kSize * table->key_count;
+    if (offset >= FirstExtentOffset() && end <= table->region->used.load() && *steps_left > 0) {
+        --*steps_left;
+        return At(table, offset);
+    }
+    Report("Hash table in region \"%s\" has a damaged chain at offset %u: walk ended",
+           table->region->name, offset);
+    return nullptr;
 }
 
 uint32_t BucketCount(const LumRegHash *table) {
@@ -217,8 +240,10 @@ bool HeaderFits(const LumRegHash *table, uint32_t segment_id, const uint8_t *hea
 // `compare` accepts for `key`.
 void *Search(LumRegHash *table, const void *key, uint32_t key_index, RegionOffset offset) {
     const LumRegHashKey &functions = table->keys[key_index];
-    for (; offset != 0; offset = Word(At(table, offset), hash_link::kNext)) {
-        void *candidate = ItemAtLink(table, At(table, offset), key_index);
+    uint32_t steps = ChainSteps(table);
+    for (uint8_t *link = ChainLink(table, offset, &steps); link != nullptr;
+         link = ChainLink(table, Word(link, hash_link::kNext), &steps)) {
+        void *candidate = ItemAtLink(table, link, key_index);
         if (functions.compare(table, key, candidate, functions.compare_argument) == 0)
             return candidate;
     }
@@ -227,12 +252,11 @@ void *Search(LumRegHash *table, const void *key, uint32_t key_index, RegionOffse
 
 // Calls `visit` on the chain from `offset` until it asks to stop.
 void WalkChain(LumRegHash *table, RegionOffset offset, LumRegHashVisit visit, void *argument) {
-    while (offset != 0) {
-        uint8_t *link = At(table, offset);
+    uint32_t steps = ChainSteps(table);
+    for (uint8_t *link = ChainLink(table, offset, &steps); link != nullptr;
+         link = ChainLink(table, Word(link, hash_link::kNext), &steps))
         if (visit(ItemAtLink(table, link, 0), argument) != 0)
             return;
-        offset = Word(link, hash_link::kNext);
-    }
 }
 
 struct SortContext {
@@ -258,10 +282,13 @@ int32_t WalkSorted(LumRegHash *table, uint32_t items, LumRegHashVisit visit, voi
     if (links == nullptr)
         return LUM_RC_NO_MEMORY;
     uint32_t filled = 0;
+    uint32_t steps = ChainSteps(table);
     for (uint32_t b = 0; b < BucketCount(table) && filled < items; ++b)
-        for (RegionOffset offset = Word(BucketPair(table, 0, b), hash_link::kNext);
-             offset != 0 && filled < items; offset = Word(At(table, offset), hash_link::kNext))
-            links[filled++] = offset;
+        for (uint8_t *link =
+                 ChainLink(table, Word(BucketPair(table, 0, b), hash_link::kNext), &steps);
+             link != nullptr && filled < items;
+             link = ChainLink(table, Word(link, hash_link::kNext), &steps))
+            links[filled++] = OffsetOf(table, link);
     SortContext context{table, order, order_argument};
     lum_qsort(links, filled, sizeof(RegionOffset), CompareLinks, &context);
     for (uint32_t i = 0; i < filled; ++i)
@@ -344,13 +371,14 @@ void LumRegHashClose(LumRegHash *table) {
 void LumRegHashFlush(LumRegHash *table, LumRegHashItemCallback callback, void *argument) {
     if (table == nullptr)
         return;
+    uint32_t steps = ChainSteps(table);
     for (uint32_t b = 0; b < BucketCount(table); ++b) {
-        RegionOffset offset = Word(BucketPair(table, 0, b), hash_link::kNext);
-        while (offset != 0) {
-            uint8_t *link = At(table, offset);
-            offset = Word(link, hash_link::kNext); // before the callback frees the item
+        uint8_t *link = ChainLink(table, Word(BucketPair(table, 0, b), hash_link::kNext), &steps);
+        while (link != nullptr) {
+            uint8_t *next = ChainLink(table, Word(link, hash_link::kNext), &steps); // before a free
             if (callback != nullptr)
                 callback(table, ItemAtLink(table, link, 0), argument);
+            link = next;
         }
     }
     LogWord(table, table->header + hash_header::kItemCount, 0);
@@ -482,7 +510,8 @@ LumRegHashCursor *LumRegHashCursorOpen(LumRegHash *table) {
                LumRCToString(LUM_RC_NO_MEMORY));
         return nullptr;
     }
-    *cursor = {table, nullptr, Word(BucketPair(table, 0, 0), hash_link::kNext), 0};
+    *cursor = {table, nullptr, Word(BucketPair(table, 0, 0), hash_link::kNext), 0,
+               ChainSteps(table)};
     return cursor;
 }
 
@@ -497,7 +526,12 @@ void *LumRegHashCursorNext(LumRegHashCursor *cursor) {
         }
         cursor->next = Word(BucketPair(table, 0, ++cursor->bucket), hash_link::kNext);
     }
-    cursor->current = At(table, cursor->next);
+    cursor->current = ChainLink(table, cursor->next, &cursor->steps_left);
+    if (cursor->current == nullptr) { // damaged: the walk ends here
+        cursor->bucket = BucketCount(table);
+        cursor->next = 0;
+        return nullptr;
+    }
     cursor->next = Word(cursor->current, hash_link::kNext);
     return ItemAtLink(table, cursor->current, 0);
 }
