@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Fuzzes the log scan and replay, a whole open of a file set, and
-# verification, each under AddressSanitizer and UndefinedBehaviorSanitizer.
+# Fuzzes the log scan and replay, a whole open of a file set,
+# verification, and the hash table's walks on any image, each under
+# AddressSanitizer and UndefinedBehaviorSanitizer.
 #   scripts/fuzz.sh [SECONDS]   builds the fuzz preset and runs every target
 #                               SECONDS (default 3600) on a copy of its seed
 #                               corpus, one target per core at a time
@@ -30,7 +31,7 @@ seconds=${1:-3600}
 "$root/scripts/install-deps.sh"
 cmake --preset fuzz -DLUM_WERROR="${LUM_WERROR:-OFF}" >/dev/null
 cmake --build --preset fuzz
-for target in log_replay open verify; do
+for target in log_replay open verify containers; do
     echo "== $target, $seconds s"
     run_one "$root/build/fuzz/fuzz/${target}_fuzz" "$root/fuzz/corpus/$target" "$seconds"
 done
