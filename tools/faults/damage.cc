@@ -2,6 +2,7 @@
 // made once, then for each case copied with one damage (a truncation, or a
 // changed byte or word) and opened in a child. An open must give an image
 // that verifies, or refuse with a result; a crash or a hang is a failure.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -79,10 +80,10 @@ struct Counts {
     uint64_t cases = 0, opened = 0, refused = 0, crashed = 0, hung = 0, unverified = 0;
 };
 
-// Writes the set with `damage` to `directory` and opens it in a child.
+// Writes the set with `damage` over the five files in `directory` and
+// opens it in a child.
 void TryDamage(const std::vector<File> &files, const Damage &damage, const std::string &directory,
                Outcome *outcome, Counts *counts) {
-    MakeEmptyDirectory(directory);
     for (size_t i = 0; i < files.size(); ++i) {
         std::vector<uint8_t> bytes = files[i].bytes;
         if (i == damage.file) {
@@ -120,7 +121,8 @@ void TryDamage(const std::vector<File> &files, const Damage &damage, const std::
 
 // The lengths each file is cut to: all of them for a small file; for a
 // larger one those in its first and last 4 KiB and a seeded sample between.
-std::vector<size_t> CutLengths(size_t size, std::mt19937_64 &random) {
+// With `most` above 0, a seeded sample of at most that many of those.
+std::vector<size_t> CutLengths(size_t size, uint64_t most, std::mt19937_64 &random) {
     std::vector<size_t> lengths;
     for (size_t length = 0; length < size; ++length) {
         if (size < kWholeBelow || length < kEdge || length >= size - kEdge)
@@ -129,6 +131,10 @@ std::vector<size_t> CutLengths(size_t size, std::mt19937_64 &random) {
     if (size >= kWholeBelow) {
         for (uint32_t i = 0; i < kCutSamples; ++i)
             lengths.push_back(kEdge + random() % (size - 2 * kEdge));
+    }
+    if (most > 0 && lengths.size() > most) {
+        std::shuffle(lengths.begin(), lengths.end(), random);
+        lengths.resize(most);
     }
     return lengths;
 }
@@ -159,7 +165,7 @@ Damage RandomChange(const std::vector<File> &files, std::mt19937_64 &random) {
 
 } // namespace
 
-int RunDamage(const std::string &work, uint64_t cases, uint64_t seed) {
+int RunDamage(const std::string &work, uint64_t cases, uint64_t cuts_per_file, uint64_t seed) {
     std::vector<File> files;
     if (!MakeFileSet(work + "set/", &files)) {
         fprintf(stderr, "damage: cannot make the file set\n");
@@ -169,9 +175,10 @@ int RunDamage(const std::string &work, uint64_t cases, uint64_t seed) {
     Outcome *outcome = SharedOutcome();
     Counts counts;
     std::string directory = work + "case/";
+    MakeEmptyDirectory(directory);
     uint64_t cuts = 0;
     for (size_t file = 0; file < files.size(); ++file) {
-        for (size_t length : CutLengths(files[file].bytes.size(), random)) {
+        for (size_t length : CutLengths(files[file].bytes.size(), cuts_per_file, random)) {
             TryDamage(files, {file, length}, directory, outcome, &counts);
             ++cuts;
         }

@@ -1,8 +1,8 @@
 // lumregion-faults: tries every fault the library may meet and checks that
 // it comes through each with its promises kept.
 //
-//   lumregion-faults --io | --malloc | --damage [--cases N] [--seed S]
-//                    [--dir D] [--show] [--only N]
+//   lumregion-faults --io | --malloc | --damage [--cases N] [--cuts N]
+//                    [--seed S] [--dir D] [--show] [--only N]
 //
 // --io      runs the scripted workload (workload.h) once to number its file
 //           calls, then once per call with that call failing: once with
@@ -10,7 +10,9 @@
 //           both "once" and "from then on".
 //           --only N tries call N alone; --show prints the library's reports.
 // --malloc  runs it once per lum_malloc it reaches, with that one failing.
-// --damage  cuts and changes the bytes of a region's files (damage.cc).
+// --damage  cuts and changes the bytes of a region's files (damage.cc):
+//           --cases seeded changes (100000), every cut of each file or,
+//           with --cuts, a seeded sample of that many per file.
 //
 // Each case runs in a child under an alarm. After it, a second child opens
 // the region with nothing failing and judges it: the image must verify and
@@ -257,8 +259,8 @@ int RunMalloc(Runner &runner) {
 
 int Usage(const char *self) {
     fprintf(stderr,
-            "usage: %s --io | --malloc | --damage [--cases N] [--seed S] [--dir D] [--show]\n"
-            "       [--only N]\n",
+            "usage: %s --io | --malloc | --damage [--cases N] [--cuts N] [--seed S]\n"
+            "       [--dir D] [--show] [--only N]\n",
             self);
     return 2;
 }
@@ -270,6 +272,7 @@ int main(int argc, char **argv) {
     std::string mode, base = "/tmp";
     uint64_t cases = 100000, seed = 1;
     int64_t only = 0;
+    uint64_t cuts = 0;
     bool show = false;
     for (int i = 1; i < argc; ++i) {
         std::string flag = argv[i];
@@ -279,6 +282,8 @@ int main(int argc, char **argv) {
             show = true;
         else if (i + 1 < argc && flag == "--cases")
             cases = strtoull(argv[++i], nullptr, 10);
+        else if (i + 1 < argc && flag == "--cuts")
+            cuts = strtoull(argv[++i], nullptr, 10);
         else if (i + 1 < argc && flag == "--only")
             only = strtoll(argv[++i], nullptr, 10);
         else if (i + 1 < argc && flag == "--seed")
@@ -297,7 +302,7 @@ int main(int argc, char **argv) {
     }
     int status;
     if (mode == "--damage") {
-        status = faults::RunDamage(work + "/", cases, seed);
+        status = faults::RunDamage(work + "/", cases, cuts, seed);
     } else {
         faults::Runner runner{work + "/case/", faults::SharedOutcome(), show, 0, {}};
         status = mode == "--io" ? faults::RunIo(runner, only) : faults::RunMalloc(runner);

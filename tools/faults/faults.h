@@ -17,7 +17,9 @@ Ending RunInChild(const std::function<void()> &body, unsigned seconds);
 // Makes `path` an empty directory.
 void MakeEmptyDirectory(const std::string &path);
 
-// The damaged-files mode: returns the exit status of the program.
-int RunDamage(const std::string &work, uint64_t cases, uint64_t seed);
+// The damaged-files mode: every cut of each file (a sample of at most
+// `cuts_per_file` when that is above 0) and `cases` seeded changes.
+// Returns the exit status of the program.
+int RunDamage(const std::string &work, uint64_t cases, uint64_t cuts_per_file, uint64_t seed);
 
 } // namespace faults
