@@ -192,7 +192,7 @@ ReplayLog &Replay(int64_t kind) {
 void BM_ReplayLog(benchmark::State &state) {
     ReplayLog &r = Replay(state.range(0));
     for (auto _ : state) {
-        if (_LumLogApply(r.target, r.fd, r.buffer.data(), false) != 0)
+        if (_LumLogApply(r.target, r.fd, r.buffer.data(), false, kWholeLog) != 0)
             abort();
     }
     state.SetBytesProcessed(state.iterations() * r.bytes);

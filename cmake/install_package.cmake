@@ -5,9 +5,9 @@
 # runs after every target is defined.
 include(CMakePackageConfigHelpers)
 
-# The lumregion command, when this tree builds it.
-if(TARGET lumregion_tool)
-  install(TARGETS lumregion_tool EXPORT lumregionTargets RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# The lumregion command: a program to run, not a target to link.
+if(TARGET lumregion_cli)
+  install(TARGETS lumregion_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
 
 set(lum_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/lumregion)

@@ -593,15 +593,21 @@ LUMREGION_API int32_t LumRegionCommit(LumRegion *region);
 /** What LumRegionGetLogState reports of a persistent region's log. */
 typedef struct LumLogState {
     uint32_t generation;   /**< the generation whose log commits reach now */
-    int32_t failed;        /**< 1: no log write succeeded since a log failed */
-    uint32_t failed_since; /**< while failed: the generation of that first failure */
+    int32_t failed;        /**< 1: the commits of generation failed_since on are at risk */
+    uint32_t failed_since; /**< while failed: the generation of the first failed log */
 } LumLogState;
 
-/** Fills @p state: whether the commits of @p region reach its log. A log
- *  that fails stays failed for the rest of its generation; the commits made
- *  since generation failed_since did not reach a log, and their changes wait
- *  for the next checkpoint. failed goes back to 0 at the first commit whose
- *  log write succeeds. Reads only; any thread.
+/** Fills @p state: whether the commits of @p region would survive the death
+ *  of the process. A log that fails stays failed for the rest of its
+ *  generation, and the logs after it follow a gap that recovery can cross
+ *  only from a checkpoint taken after the failure; the checkpoint that
+ *  moves on may also restart the failed generation's log. So once a log
+ *  has failed (failed is 1), every commit of generation failed_since and
+ *  later may be lost with the process, also those made before the failure
+ *  in that generation (LumLogState.generation, read after a commit, names
+ *  its generation), until the commit that acknowledges the next checkpoint:
+ *  that commit is durable again, with every change before it. Reads only;
+ *  any thread.
  *  @return 0; -19 for a null handle or state, or a region that is not
  *  persistent. */
 LUMREGION_API int32_t LumRegionGetLogState(LumRegion *region, LumLogState *state);

@@ -4,7 +4,8 @@
 # everything is there.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ clang libgtest-dev libbenchmark-dev binutils pkgconf)
+packages=(cmake ninja-build g++ clang libgtest-dev libbenchmark-dev binutils pkgconf spin
+    libcli11-dev nlohmann-json3-dev)
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||

@@ -36,17 +36,10 @@ class AllocTest : public PersistentTest, public ::testing::WithParamInterface<in
         EXPECT_EQ(LumRegionVerifyDeep(region_), 0);
         EXPECT_EQ(LumRegionDrop(region_), 0);
     }
+    // A segment that the test's end drops.
     LumSegment *Segment(uint32_t primary, uint32_t secondary = 0, uint32_t growth = 0,
                         uint32_t maximum = 0) {
-        LumSegment *segment = nullptr;
-        EXPECT_EQ(LumSegmentCreate(region_, primary, secondary, growth, maximum, &segment), 0);
-        return segments_.emplace_back(segment);
-    }
-    void *Alloc(LumSegment *segment, uint32_t size) {
-        void *pointer = nullptr;
-        EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
-        LumMemLog(segment, pointer);
-        return pointer;
+        return segments_.emplace_back(NewSegment(region_, primary, secondary, growth, maximum));
     }
 
     LumRegion *region_ = nullptr;
@@ -87,7 +80,7 @@ TEST_P(AllocTest, WorkedExampleLeavesTheseRecordsWhateverTheBufferHolds) {
         _LumDirtyMapFill(region_, 0, 0);
         _LumDirtyMapFill(region_, 1, 0);
         segment = segment != nullptr ? segment : Segment(65536);
-        ASSERT_EQ(LumMemFree(segment, Alloc(segment, 100)), 0);
+        ASSERT_EQ(LumMemFree(segment, AllocLogged(segment, 100)), 0);
         LumRegionCommit(region_);
         std::vector<ParsedRecord> all = ParseLog(Read("alloc_0.log"));
         EXPECT_TRUE(!commit_first || all[before].type == LOG_SIZE) << "a log opens with its size";
@@ -119,27 +112,27 @@ TEST_P(AllocTest, WorkedExampleLeavesTheseRecordsWhateverTheBufferHolds) {
 TEST_P(AllocTest, ChunkSizesSplitsAndMergesAtTheirEdges) {
     LumSegment *segment = Segment(4096);
     Figures empty = FiguresOf(segment);
-    std::vector<void *> live = {Alloc(segment, 100)};
-    auto *first = static_cast<uint8_t *>(live[0]);
+    uint8_t *first = AllocLogged(segment, 100);
+    std::vector<void *> live = {first};
     EXPECT_EQ(lumtest::FaultsInChild([&] { first[50] = 1; }), GetParam() != 0) << "closed";
     EXPECT_EQ(FiguresOf(segment), (Figures{0, 1, 4096, 2344, 1, 112, 1}));
     for (auto [request, usable] : {std::pair{0u, 8u}, {1u, 8u}, {8u, 8u}, {9u, 16u}}) {
-        live.push_back(Alloc(segment, request));
+        live.push_back(AllocLogged(segment, request));
         EXPECT_EQ(LumMemGetSize(live.back()), usable) << request;
     }
-    void *a = Alloc(segment, 24); // a chunk of 32
-    live.push_back(Alloc(segment, 8));
-    void *e = Alloc(segment, 16); // a chunk of 24
-    live.push_back(Alloc(segment, 8));
+    void *a = AllocLogged(segment, 24); // a chunk of 32
+    live.push_back(AllocLogged(segment, 8));
+    void *e = AllocLogged(segment, 16); // a chunk of 24
+    live.push_back(AllocLogged(segment, 8));
     ASSERT_EQ(LumMemFree(segment, a), 0);
     ASSERT_EQ(LumMemFree(segment, e), 0);
-    live.push_back(Alloc(segment, 8));
+    live.push_back(AllocLogged(segment, 8));
     EXPECT_EQ(live.back(), e) << "the best fit, 24, taken whole";
     EXPECT_EQ(LumMemGetSize(e), 16u);
-    live.push_back(Alloc(segment, 8));
+    live.push_back(AllocLogged(segment, 8));
     EXPECT_EQ(live.back(), a) << "the 32 is split into 16 and 16";
     uint32_t rest = FiguresOf(segment)[3] - 16; // less 8 bytes, a request takes it whole
-    live.push_back(Alloc(segment, rest - 8));
+    live.push_back(AllocLogged(segment, rest - 8));
     EXPECT_EQ(LumMemGetSize(live.back()), rest - 8);
     std::shuffle(live.begin(), live.end(), std::mt19937(7));
     for (void *pointer : live)
@@ -155,7 +148,7 @@ TEST_P(AllocTest, ChunkSizesSplitsAndMergesAtTheirEdges) {
 // tags), from the image's base (e), its end (f) or another segment's (g);
 // with the mutation check on, it names the verdict that LumMemFree reports.
 TEST_P(AllocTest, FreesOfPointersThatNameNoLiveChunkChangeNothing) {
-    auto *elsewhere = static_cast<uint8_t *>(Alloc(Segment(4096), 40));
+    uint8_t *elsewhere = AllocLogged(Segment(4096), 40);
     const char *kNone = "", *kFree = "Free memory write", *kInvalid = "Invalid pointer write",
                *kNotFound = "Chunk not found in segment";
     const std::tuple<const char *, const char *, char, int32_t, int32_t, const char *> rows[] = {
@@ -178,7 +171,7 @@ TEST_P(AllocTest, FreesOfPointersThatNameNoLiveChunkChangeNothing) {
         for (auto [what, freed, target, shift, code, verdict] : rows) {
             SCOPED_TRACE(std::string(what) + (check ? ", checked" : ""));
             LumSegment *segment = Segment(4096);
-            auto chunk = [&] { return static_cast<uint8_t *>(Alloc(segment, 40)); };
+            auto chunk = [&] { return AllocLogged(segment, 40); };
             uint8_t *end = region_->base + region_->used; // the image's end
             uint8_t *chunks[] = {chunk(), chunk(), chunk(), chunk(), region_->base, end, elsewhere};
             for (auto [at, tag] : forged)
@@ -280,31 +273,51 @@ TEST_P(AllocTest, SegmentsTakeTheLowestFreeIdDropOnceAndRefuseBadParameters) {
     EXPECT_EQ(LumRegionDrop(region_), LUM_RC_SEGMENTS_REMAIN);
 }
 
-// Random allocations, filled and logged, and frees over several segments,
-// checked against a model of the live chunks, the image proved sound.
+// Random allocations over several segments, filled while they are open and
+// ended with LumMemLog or LumMemNoLog, and frees, checked against a model of
+// the live chunks, the image proved sound. No store into an open allocation
+// may fault while the allocator and the ends of others protect the pages
+// around it; an ended one is read-only where the region protects.
 TEST_P(AllocTest, RandomRunKeepsTheModelAndAVerifiableImage) {
     std::mt19937 random(12345);
     std::vector<LumSegment *> segments = {Segment(8192, 4096, 25), Segment(65536, 16384, 0),
                                           Segment(4096, 0)};
-    std::map<uint8_t *, std::tuple<LumSegment *, uint32_t, uint8_t>> live; // segment, size, fill
+    struct Chunk {
+        LumSegment *segment;
+        uint32_t size;
+        uint8_t fill;
+    };
+    std::map<uint8_t *, Chunk> live;
+    std::vector<uint8_t *> open; // allocated and not yet ended
     for (int step = 0; step < 4000; ++step) {
-        if (live.empty() || random() % 3 != 0) {
+        uint32_t action = open.size() >= 16 ? 4 : random() % 6; // allocate, refill, end, free
+        if (live.empty() || action <= 2) {
             LumSegment *segment = segments[random() % segments.size()];
             uint32_t size = random() % 4 == 0 ? 1 + random() % 12000 : 1 + random() % 300;
-            uint8_t *at = nullptr, fill = static_cast<uint8_t>(random());
+            uint8_t *at = nullptr;
             ASSERT_EQ(LumMemAlloc(segment, size, reinterpret_cast<void **>(&at)), 0);
             ASSERT_GE(LumMemGetSize(at), size);
-            memset(at, fill, size); // plain stores: a new chunk is writable
-            LumMemLog(segment, at);
-            for (auto &[other, entry] : live)
-                ASSERT_TRUE(at + size <= other || other + std::get<1>(entry) <= at) << "overlap";
-            live[at] = {segment, size, fill};
+            for (auto &[other, chunk] : live)
+                ASSERT_TRUE(at + size <= other || other + chunk.size <= at) << "overlap";
+            Chunk &chunk = live[at] = {segment, size, static_cast<uint8_t>(random())};
+            memset(at, chunk.fill, size); // plain stores: a new chunk is writable
+            open.push_back(at);
+        } else if (action <= 4 && !open.empty()) {
+            size_t i = random() % open.size();
+            Chunk &chunk = live[open[i]];
+            if (action == 3) {
+                chunk.fill = static_cast<uint8_t>(random());
+                memset(open[i], chunk.fill, chunk.size);
+            } else {
+                (random() % 2 ? LumMemLog : LumMemNoLog)(chunk.segment, open[i]);
+                open.erase(open.begin() + static_cast<ptrdiff_t>(i));
+            }
         } else {
             auto it = std::next(live.begin(), random() % live.size());
-            auto [segment, size, fill] = it->second;
-            for (uint32_t i = 0; i < size; i += 97)
-                ASSERT_EQ(it->first[i], fill) << "contents of a live chunk";
-            ASSERT_EQ(LumMemFree(segment, it->first), 0);
+            for (uint32_t i = 0; i < it->second.size; i += 97)
+                ASSERT_EQ(it->first[i], it->second.fill) << "contents of a live chunk";
+            ASSERT_EQ(LumMemFree(it->second.segment, it->first), 0);
+            std::erase(open, it->first);
             live.erase(it);
         }
         if (step % 50 == 0) {
@@ -312,6 +325,10 @@ TEST_P(AllocTest, RandomRunKeepsTheModelAndAVerifiableImage) {
             LumRegionCommit(region_);
         }
     }
+    for (uint8_t *at : open)
+        LumMemLog(live[at].segment, at);
+    EXPECT_FALSE(region_->open_chunks.overflowed);
+    EXPECT_EQ(lumtest::FaultsInChild([&] { live.begin()->first[0] ^= 1; }), GetParam() != 0);
     EXPECT_EQ(FiguresOf(segments[0])[6] + FiguresOf(segments[1])[6] + FiguresOf(segments[2])[6],
               live.size());
 }
@@ -336,7 +353,7 @@ TEST_P(AllocTest, ScanWalksLiveChunksByExtentFromTheNewest) {
     EXPECT_TRUE(scan_all(segment).empty());
     std::vector<void *> chunks; // 1 in the primary extent, 2 in each secondary
     for (int i = 0; i < 5; ++i)
-        chunks.push_back(Alloc(segment, 1500));
+        chunks.push_back(AllocLogged(segment, 1500));
     EXPECT_EQ(FiguresOf(segment)[1], 3u) << "extents";
     EXPECT_EQ(scan_all(segment),
               (std::vector<void *>{chunks[0], chunks[3], chunks[4], chunks[1], chunks[2]}));

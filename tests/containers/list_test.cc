@@ -39,11 +39,10 @@ TEST_F(ListTest, FollowsAModelAcrossReopensAtAnotherBase) {
     int current = 0;
     LumRegion *region;
     uint8_t *base;
-    LumSegment *segment;
     ASSERT_EQ(LumRegionCreate("p", LUM_REGION_PERSISTENT, 8 * kMiB, 8 * kMiB, 0, 0,
                               dirs[0].path().c_str(), &region, reinterpret_cast<void **>(&base)),
               0);
-    ASSERT_EQ(LumSegmentCreate(region, 65536, 65536, 0, 0, &segment), 0);
+    LumSegment *segment = NewSegment(region, 65536, 65536);
     auto list_at =
         static_cast<uint32_t>(reinterpret_cast<uint8_t *>(LumRegListCreate(segment, base)) - base);
     std::mt19937 random(14);
@@ -151,8 +150,7 @@ TEST_F(ListTest, FollowsAModelAcrossReopensAtAnotherBase) {
 // base of the caller's above it.
 TEST_F(ListTest, TheImageHoldsTheHeaderAndLinksOfTheLayout) {
     LumRegion *region = CreatePersistent();
-    LumSegment *segment;
-    ASSERT_EQ(LumSegmentCreate(region, 65536, 0, 0, 0, &segment), 0);
+    LumSegment *segment = NewSegment(region, 65536);
     for (uint8_t *base : {region->base, region->base + 4096}) {
         LumRegList *list = LumRegListCreate(segment, base);
         uint8_t *a = static_cast<uint8_t *>(LumRegListAlloc(segment, base, 4)) - 8;
@@ -181,8 +179,7 @@ TEST_F(ListTest, TheImageHoldsTheHeaderAndLinksOfTheLayout) {
 // give null and leave no chunk behind.
 TEST_F(ListTest, AFailedAllocationIsReportedOrRaisedAndLeavesNothing) {
     LumRegion *region = CreatePersistent();
-    LumSegment *segment;
-    ASSERT_EQ(LumSegmentCreate(region, Page(), 0, 0, Page(), &segment), 0);
+    LumSegment *segment = NewSegment(region, Page(), 0, 0, Page());
     for (void *filler; LumMemAlloc(segment, 8, &filler) == 0;)
         LumMemLog(segment, filler);
     uint32_t used = LumSegmentGetUsedBytes(segment);
@@ -197,9 +194,9 @@ TEST_F(ListTest, AFailedAllocationIsReportedOrRaisedAndLeavesNothing) {
         LumException raised;
         ASSERT_EQ(LumThreadExceptionGet(&raised), 0);
         LumThreadExceptionClear();
-        EXPECT_STREQ(raised.class_name, "RegionList");
-        EXPECT_STREQ(raised.message, "Failed to allocate persistent list entry");
-        EXPECT_EQ(raised.value, size == 64 ? full : LumRCToString(LUM_RC_FAILURE));
+        EXPECT_EQ(std::string(raised.class_name) + "|" + raised.message + "|" + raised.value,
+                  "RegionList|Failed to allocate persistent list entry|" +
+                      (size == 64 ? full : LumRCToString(LUM_RC_FAILURE)));
     }
     EXPECT_EQ(LumSegmentGetUsedBytes(segment), used);
     LumSegmentClose(segment);

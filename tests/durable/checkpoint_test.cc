@@ -285,55 +285,45 @@ TEST_F(CheckpointTest, ConcurrentWriterAndCheckpointsLeaveFilesThatRestoreTheIma
     LumRegionClose(recovered);
 }
 
-namespace {
-
-// The flags byte of a file's header, or -1 when it has none.
-int HeaderFlags(const std::vector<uint8_t> &file) {
-    return file.size() < file_header::kSize ? -1 : file[file_header::kFlags];
-}
-
-} // namespace
-
-// A checkpoint that fails as the region comes online, before any chk file
-// was acknowledged, moves the region on to generation 1: log 0, the whole
-// history, stays as it was, and the log of generation 1 starts behind the
-// unlogged offline period, marked as following a gap.
-TEST_F(CheckpointTest, FailedFirstCheckpointOnlineKeepsLogZeroAndMovesToGenerationOne) {
-    Change(region_, Page() + 8, 4, 7);
-    LumRegionCommit(region_);
-    auto history = File(0, ".log");
-    ASSERT_GT(ParseLog(history).size(), 2u);
-    LumRegionOffline(region_);
-    {
-        lumtest::FileFaults faults;
-        faults.fail_write_at = 1; // the chk file's header
-        LumRegionOnline(region_);
-    }
-    EXPECT_EQ(region_->log_failed.load(), 1u);
-    CheckpointAndCommit();
-    EXPECT_EQ(Of(region_), (Generations{1, 2, 1, A}));
-    EXPECT_EQ(File(0, ".log"), history);
-    EXPECT_EQ(Word(1, ".chk"), 1u);
-    EXPECT_EQ(Tail(1, 2), (Types{LOG_CHECKPOINT, LOG_COMMIT}));
-    EXPECT_EQ(HeaderFlags(File(1, ".log")), file_header::kFollowsGap);
-}
-
-// The records a failed log drops are a gap: the log that the next
-// generation starts says so in its header, and a later restart without a
-// failure does not.
+// A log that fails drops records: the log that the next generation starts
+// says so in its header, whether the failure came from the first checkpoint
+// as the region came online (log 0, the whole history, stays as it was) or
+// from a commit; a later restart without a failure does not.
 TEST_F(CheckpointTest, LogRestartedAfterAFailedLogIsMarkedAsFollowingAGap) {
-    CheckpointAndCommit();
-    {
-        lumtest::FileFaults faults;
-        faults.fail_write_at = 1;
-        Change(region_, Page() + 8, 4, 7);
-        LumRegionCommit(region_);
+    const std::pair<const char *, std::function<void()>> failures[] = {
+        {"the first checkpoint online",
+         [&] {
+             Change(region_, Page() + 8, 4, 7);
+             LumRegionCommit(region_);
+             LumRegionOffline(region_);
+             lumtest::FileFaults faults;
+             faults.fail_write_at = 1; // the chk file's header
+             LumRegionOnline(region_);
+         }},
+        {"a commit",
+         [&] {
+             CheckpointAndCommit();
+             lumtest::FileFaults faults;
+             faults.fail_write_at = 1;
+             Change(region_, Page() + 8, 4, 7);
+             LumRegionCommit(region_);
+         }},
+    };
+    auto flags = [&](int parity) { return File(parity, ".log").at(file_header::kFlags); };
+    for (const auto &[what, fail] : failures) {
+        SCOPED_TRACE(what);
+        Renew();
+        fail();
+        EXPECT_EQ(region_->log_failed.load(), 1u);
+        auto history = File(0, ".log");
+        ASSERT_GT(ParseLog(history).size(), 2u);
+        CheckpointAndCommit();
+        EXPECT_EQ(Of(region_), (Generations{1, 2, 1, A}));
+        EXPECT_EQ(File(0, ".log"), history);
+        EXPECT_EQ(std::make_pair(Word(1, ".log"), Word(1, ".chk")), std::make_pair(1u, 1u));
+        EXPECT_EQ(Tail(1, 2), (Types{LOG_CHECKPOINT, LOG_COMMIT}));
+        EXPECT_EQ(flags(1), file_header::kFollowsGap);
+        CheckpointAndCommit();
+        EXPECT_EQ(std::make_pair(Word(0, ".log"), flags(0)), std::make_pair(2u, uint8_t{0}));
     }
-    EXPECT_EQ(region_->log_failed.load(), 1u);
-    CheckpointAndCommit();
-    EXPECT_EQ(Word(1, ".log"), 1u);
-    EXPECT_EQ(HeaderFlags(File(1, ".log")), file_header::kFollowsGap);
-    CheckpointAndCommit();
-    EXPECT_EQ(Word(0, ".log"), 2u);
-    EXPECT_EQ(HeaderFlags(File(0, ".log")), 0);
 }

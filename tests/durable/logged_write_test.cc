@@ -195,8 +195,7 @@ TEST_F(MutationTest, ChangesOutsideTheReservationMarkNothing) {
     uint8_t *chunk = wild + (12 - reinterpret_cast<uintptr_t>(wild) % 8);
     for (uint32_t at : {0u, 12u, 16u, 28u, 32u})
         ImageStore32(chunk - 16 + at, 16);
-    LumSegment *segment = nullptr;
-    ASSERT_EQ(LumSegmentCreate(region_, Page(), Page(), 0, 0, &segment), 0);
+    LumSegment *segment = NewSegment(region_, Page(), Page());
     ClearMarks();
     _LumImageMarkDirty(region_, chunk + 64, 4);    // in line
     _LumImageMarkDirty(region_, chunk + 64, 3000); // out of line

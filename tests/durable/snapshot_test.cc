@@ -148,21 +148,3 @@ TEST_F(SyncAllTest, BadPathCreatesNothingAndTouchesNoRegion) {
     EXPECT_EQ(_LumRegionSync(region_, (too_long + "/").c_str()), LUM_RC_BAD_PATH);
     EXPECT_EQ(std::make_pair(faults.opens, region_->sync_failed), std::make_pair(0, 1));
 }
-
-// Every header a region writes takes the next stamp of one series, so files
-// written within one second still order by time as by generation.
-TEST_F(PersistentTest, HeadersOfOneSecondAreStampedInTheOrderWritten) {
-    LumRegion *region = CreatePersistent();
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_EQ(LumRegionCheckpoint(region), 0);
-        LumRegionCommit(region);
-    }
-    ASSERT_EQ(_LumRegionSync(region, dir_.path().c_str()), 0);
-    auto stamp = [&](const char *file) {
-        return static_cast<int32_t>(ImageLoad32(&Read(file)[file_header::kTimestamp]));
-    };
-    EXPECT_GT(stamp("p_1.chk"), stamp("p_0.chk"));
-    EXPECT_GT(stamp("p_1.log"), stamp("p_1.chk")); // zapped by the acknowledging commit
-    EXPECT_GT(stamp("p.tab"), stamp("p_1.log"));
-    EXPECT_EQ(LumRegionClose(region), 0);
-}

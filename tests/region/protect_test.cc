@@ -1,34 +1,17 @@
 // Page protection: which regions protect, which pages the two calls touch,
-// the allocations that stay writable until the host ends them, and the
-// report of a protection change that fails.
+// too many open allocations, and the report of a protection change that
+// fails. Allocations that stay writable until the host ends them are tested
+// in the allocator's seeded run.
 #include <cstring>
-#include <random>
 #include <tuple>
 
 #include "region_fixture.h"
 
 using lumtest::FaultsInChild;
 
-namespace {
-
-// A segment of `region` and an allocation in it.
-LumSegment *NewSegment(LumRegion *region) {
-    LumSegment *segment = nullptr;
-    EXPECT_EQ(LumSegmentCreate(region, 65536, 65536, 0, 0, &segment), 0);
-    return segment;
-}
-uint8_t *Allocate(LumSegment *segment, uint32_t size) {
-    void *pointer = nullptr;
-    EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
-    return static_cast<uint8_t *>(pointer);
-}
-
-} // namespace
-
 // A region protects when it asks to or when Region.ProtectAll is on: its
-// header is read-only after creation, an unprotect opens a page and a
-// protect closes it again. A region that does not protect never calls the
-// platform, not even for an allocation, its log and its free.
+// header is read-only after creation. A region that does not protect never
+// calls the platform, not even for an allocation, its log and its free.
 TEST_F(RegionTest, OnlyProtectingRegionsRefuseStoresAndCallThePlatform) {
     const int32_t rows[][2] = {{1, 0}, {0, 1}, {0, 0}}; // protect, Region.ProtectAll
     for (const auto &[protect, all] : rows) {
@@ -37,15 +20,9 @@ TEST_F(RegionTest, OnlyProtectingRegionsRefuseStoresAndCallThePlatform) {
         LumRegion *region = Create(kMiB, kMiB, protect);
         uint8_t *word = region->base + region_header::kSegmentCount;
         EXPECT_EQ(FaultsInChild([&] { *word = 1; }), protect || all);
-        _LumPageUnprotect(region, word, 4);
-        EXPECT_FALSE(FaultsInChild([&] { *word = 1; }));
-        _LumPageProtect(region, word, 4);
-        EXPECT_EQ(FaultsInChild([&] { *word = 1; }), protect || all);
         lumtest::VmRecorder vm;
-        LumSegment *segment = NewSegment(region);
-        uint8_t *chunk = Allocate(segment, 64);
-        LumMemLog(segment, chunk);
-        EXPECT_EQ(LumMemFree(segment, chunk), 0);
+        LumSegment *segment = NewSegment(region, 65536);
+        EXPECT_EQ(LumMemFree(segment, AllocLogged(segment, 64)), 0);
         EXPECT_EQ(LumSegmentDrop(segment), 0);
         EXPECT_EQ(vm.protects.empty(), !(protect || all));
         region_protect_all = 0;
@@ -67,59 +44,18 @@ TEST_F(RegionTest, ProtectionCoversEveryPageTheRangeTouches) {
                                         {region->base + 2 * Page(), Page(), 1}}));
 }
 
-// A seeded run of a host on a protected region: it allocates, fills its
-// allocations whenever it likes and ends them with LumMemLog, LumMemNoLog
-// or LumMemFree, while the allocator and the other allocations' logs
-// protect pages around them. No store into an open allocation may fault,
-// and once all are ended their pages are read-only. Runs in a child, where
-// a fault shows as a signal.
-TEST_F(RegionTest, AllocationsStayWritableUntilTheHostEndsThem) {
-    LumRegion *region = Create(4 * kMiB, 4 * kMiB, 1);
-    LumSegment *segment = NewSegment(region);
-    int status = lumtest::RunInChild([&] {
-        std::vector<uint8_t *> open, ended;
-        std::mt19937 random(20240611);
-        for (int step = 0; step < 3000; ++step) {
-            uint32_t action = random() % 7; // allocate, fill, LumMemLog, LumMemNoLog, free
-            if (open.empty() || action <= 1) {
-                open.push_back(Allocate(segment, 1 + random() % 300));
-                action = 2; // and fill it
-            }
-            size_t at = action == 2 ? open.size() - 1 : random() % open.size();
-            uint8_t *some = open[at];
-            if (action <= 3) {
-                memset(some, static_cast<int>(random()), LumMemGetSize(some));
-                continue;
-            }
-            open.erase(open.begin() + static_cast<ptrdiff_t>(at));
-            if (action == 6) {
-                LumMemFree(segment, some);
-            } else {
-                (action == 4 ? LumMemLog : LumMemNoLog)(segment, some);
-                ended.push_back(some);
-            }
-        }
-        for (uint8_t *some : open)
-            LumMemLog(segment, some);
-        bool closed = FaultsInChild([&] { ended[0][0] ^= 1; });
-        return region->open_chunks.overflowed || !closed || LumRegionVerify(region) != 0;
-    });
-    EXPECT_EQ(lumtest::ExitCode(status), 0);
-    LumSegmentClose(segment);
-}
-
 // More open allocations than a region keeps track of: rather than close
 // one under its host, the region stops protecting its pages.
 TEST_F(RegionTest, TooManyOpenAllocationsEndProtectionForTheRegion) {
     LumRegion *region = Create(kMiB, kMiB, 1);
-    LumSegment *segment = NewSegment(region);
-    std::vector<uint8_t *> chunks(kOpenChunkSlots + 1);
-    for (uint8_t *&chunk : chunks)
-        chunk = Allocate(segment, 64);
-    for (uint8_t *chunk : chunks)
+    LumSegment *segment = NewSegment(region, 65536);
+    std::vector<void *> chunks(kOpenChunkSlots + 1);
+    for (void *&chunk : chunks)
+        ASSERT_EQ(LumMemAlloc(segment, 64, &chunk), 0);
+    for (void *chunk : chunks)
         LumMemLog(segment, chunk);
     EXPECT_FALSE(FaultsInChild([&] {
-        for (uint8_t *chunk : chunks)
+        for (void *chunk : chunks)
             memset(chunk, 1, 64);
     }));
     LumSegmentClose(segment);

@@ -12,6 +12,22 @@
 
 constexpr uint32_t kMiB = 1024 * 1024;
 
+// A new segment of `region`, made or failed.
+inline LumSegment *NewSegment(LumRegion *region, uint32_t primary, uint32_t secondary = 0,
+                              uint32_t growth = 0, uint32_t maximum = 0) {
+    LumSegment *segment = nullptr;
+    EXPECT_EQ(LumSegmentCreate(region, primary, secondary, growth, maximum, &segment), 0);
+    return segment;
+}
+
+// An allocation of `size` bytes in `segment`, ended with LumMemLog.
+inline uint8_t *AllocLogged(LumSegment *segment, uint32_t size) {
+    void *pointer = nullptr;
+    EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
+    LumMemLog(segment, pointer);
+    return static_cast<uint8_t *>(pointer);
+}
+
 class RegionTest : public ::testing::Test {
   protected:
     void TearDown() override {

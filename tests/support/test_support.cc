@@ -1,6 +1,5 @@
 #include "test_support.h"
 
-#include <filesystem>
 #include <fstream>
 #include <signal.h>
 #include <sys/wait.h>
@@ -33,16 +32,6 @@ bool FaultsInChild(const std::function<void()> &access) {
 
 int ExitCode(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::vector<std::string> ThreadNames() {
-    std::vector<std::string> names;
-    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream comm(task.path() / "comm");
-        if (std::string name; std::getline(comm, name))
-            names.push_back(name);
-    }
-    return names;
 }
 
 VmRecorder::VmRecorder() {

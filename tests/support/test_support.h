@@ -43,9 +43,6 @@ bool FaultsInChild(const std::function<void()> &access);
 // The exit code of a child that exited normally, -1 otherwise.
 int ExitCode(int status);
 
-// Names of the threads of this process, from /proc/self/task/*/comm.
-std::vector<std::string> ThreadNames();
-
 // One call of a virtual-memory entry, as a recording platform saw it.
 struct VmCall {
     void *address;
@@ -60,8 +57,7 @@ struct VmRecorder {
     VmRecorder();
     ~VmRecorder() { active_ = nullptr; }
     std::vector<VmCall> commits, decommits, protects;
-    bool fail_commit = false;
-    bool fail_decommit = false;
+    bool fail_commit = false, fail_decommit = false;
 
   private:
     static inline VmRecorder *active_;

@@ -15,18 +15,13 @@ class MutationCheckTest : public RegionTest {
         region_mutation_check = 1;
         LumDebugFacilitySet("region_mutation", 1);
         region_ = Create(16 * kMiB, 16 * kMiB);
-        ASSERT_EQ(LumSegmentCreate(region_, 4096, 4096, 0, 0, &segment_), 0);
-        ASSERT_EQ(LumSegmentCreate(region_, 4096, 0, 0, 0, &other_), 0);
+        segment_ = NewSegment(region_, 4096, 4096);
+        other_ = NewSegment(region_, 4096);
     }
     void TearDown() override {
         region_mutation_check = 0;
         LumDebugFacilitySet("region_mutation", 0);
         RegionTest::TearDown();
-    }
-    uint8_t *Alloc(LumSegment *segment, uint32_t size) {
-        void *pointer = nullptr;
-        EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
-        return static_cast<uint8_t *>(pointer);
     }
     // Rewrites the bytes at `target` with themselves through the logged
     // copy, so the check runs and nothing changes; returns the write
@@ -58,14 +53,14 @@ class MutationCheckTest : public RegionTest {
 // with live chunk s. Each row rewrites `length` bytes at a place and names
 // the verdict ("" for a sound write) and whether a live chunk holds it.
 TEST_F(MutationCheckTest, EveryWriteIsClassifiedByTheChunkThatHoldsIt) {
-    uint8_t *a = Alloc(segment_, 40);
-    uint8_t *b = Alloc(segment_, 8);
-    uint8_t *c = Alloc(segment_, 100);
+    uint8_t *a = AllocLogged(segment_, 40);
+    uint8_t *b = AllocLogged(segment_, 8);
+    uint8_t *c = AllocLogged(segment_, 100);
     ASSERT_EQ(LumMemFree(segment_, b), 0);
-    uint8_t *s = Alloc(segment_, 2400); // too big for the primary extent
+    uint8_t *s = AllocLogged(segment_, 2400); // too big for the primary extent
     uint8_t *rest = c - 4 + 112;
     uint8_t *secondary = region_->base + ImageLoad32(segment_->primary + extent_header::kNext);
-    uint8_t *elsewhere = Alloc(other_, 40);
+    uint8_t *elsewhere = AllocLogged(other_, 40);
     const char *kNone = "", *kBounds = "Array bounds write", *kFree = "Free memory write",
                *kInvalid = "Invalid pointer write", *kNotFound = "Chunk not found in segment";
     const std::tuple<const char *, uint8_t *, uint32_t, const char *, bool> rows[] = {
@@ -112,7 +107,7 @@ TEST_F(MutationCheckTest, EveryWriteIsClassifiedByTheChunkThatHoldsIt) {
 // With the check on, a good pointer is freed without a report, and forged
 // tags of a live chunk inside a free one are reported and left as they are.
 TEST_F(MutationCheckTest, FreeReportsAPointerOutsideLiveDataAndChangesNothing) {
-    uint8_t *a = Alloc(segment_, 40);
+    uint8_t *a = AllocLogged(segment_, 40);
     uint8_t *rest = a - 4 + 48;
     ImageStore32(rest + 16, 16); // a forged live chunk of 16 bytes at rest + 16
     ImageStore32(rest + 28, 16);
@@ -133,7 +128,7 @@ TEST_F(MutationCheckTest, FreeReportsAPointerOutsideLiveDataAndChangesNothing) {
 // A chain that leaves the image or closes a circle ends the walk: a target
 // behind the damage is in no chunk the walk can reach.
 TEST_F(MutationCheckTest, ADamagedChainEndsTheWalkInsideTheImage) {
-    Alloc(segment_, 2400);
+    AllocLogged(segment_, 2400);
     uint8_t *link = segment_->primary + extent_header::kNext;
     uint8_t *secondary = region_->base + ImageLoad32(link);
     uint8_t *in_secondary = secondary + extent_header::kSecondarySize + 20;

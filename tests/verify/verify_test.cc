@@ -13,14 +13,8 @@ class VerifyTest : public PersistentTest {};
 // only the deep one looks there); each code but -492 has a text.
 TEST_F(VerifyTest, EachDamageGivesItsCode) {
     LumRegion *r = CreatePersistent("verify", 16 * kMiB, 16 * kMiB, kMiB);
-    LumSegment *segment, *gone, *last;
-    ASSERT_EQ(LumSegmentCreate(r, 4096, 4096, 0, 0, &segment), 0);
-    auto alloc = [&](uint32_t size) {
-        void *pointer = nullptr;
-        EXPECT_EQ(LumMemAlloc(segment, size, &pointer), 0);
-        LumMemLog(segment, pointer);
-        return static_cast<uint8_t *>(pointer) - 4;
-    };
+    LumSegment *segment = NewSegment(r, 4096, 4096);
+    auto alloc = [&](uint32_t size) { return AllocLogged(segment, size) - 4; };
     uint8_t *c = nullptr; // the last of four chunks that need two secondary extents
     for (int i = 0; i < 4; ++i)
         c = alloc(1500);
@@ -28,8 +22,7 @@ TEST_F(VerifyTest, EachDamageGivesItsCode) {
     alloc(40);
     ASSERT_EQ(LumMemFree(segment, one + 4), 0);
     ASSERT_EQ(LumMemFree(segment, two + 4), 0);
-    ASSERT_EQ(LumSegmentCreate(r, 4096, 0, 0, 0, &gone), 0);
-    ASSERT_EQ(LumSegmentCreate(r, 4096, 0, 0, 0, &last), 0);
+    LumSegment *gone = NewSegment(r, 4096), *last = NewSegment(r, 4096);
     uint8_t *free_extent = gone->primary, *l = last->primary;
     ASSERT_EQ(LumSegmentDrop(gone), 0);
     const uint32_t next = ImageLoad32(segment->primary + extent_header::kNext), used = r->used;

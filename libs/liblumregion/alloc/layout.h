@@ -158,6 +158,7 @@ struct ExtentChain {
     const LumRegion *region;
     uint8_t *extent;     // the current extent; null once the walk has ended
     uint32_t steps_left; // one per page of the image
+    bool broken;         // the walk ended at a link that names no extent
 };
 ExtentChain _LumExtentChainBegin(const LumSegment *segment);
 void _LumExtentChainNext(ExtentChain *chain);

@@ -175,19 +175,24 @@ int32_t LumSegmentCreate(LumRegion *region, uint32_t primary_size, uint32_t seco
 ExtentChain _LumExtentChainBegin(const LumSegment *segment) {
     const LumRegion *region = segment->region;
     return {region, segment->primary,
-            region->used.load(std::memory_order_relaxed) >> region_page_shift};
+            region->used.load(std::memory_order_relaxed) >> region_page_shift, false};
 }
 
 void _LumExtentChainNext(ExtentChain *chain) {
     RegionOffset next = ImageLoad32(chain->extent + extent_header::kNext);
     uint32_t used = chain->region->used.load(std::memory_order_relaxed);
     chain->extent = nullptr;
-    if (next == 0 || PageStart(next) != next || next >= used || chain->steps_left-- == 0)
+    if (next == 0)
+        return;
+    chain->broken = true;
+    if (PageStart(next) != next || next >= used || chain->steps_left-- == 0)
         return;
     uint8_t *extent = chain->region->base + next;
     uint32_t size = BlockSize(extent);
-    if (size >= region_page_size && uint64_t{next} + size <= used)
+    if (size >= region_page_size && uint64_t{next} + size <= used) {
         chain->extent = extent;
+        chain->broken = false;
+    }
 }
 
 int32_t LumSegmentDrop(LumSegment *segment) {

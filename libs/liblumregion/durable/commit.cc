@@ -6,8 +6,8 @@
 // just ahead of its LOG_COMMIT; from then on recovery may use that chk file.
 // A commit cannot fail: a failed log is a state (log_failed) and a report,
 // and LumRegionGetLogState tells the host since which generation its
-// commits have not reached a log. With Region.SyncCommit on, a commit forces
-// its log to disk, and a failed force fails the log as a failed write does.
+// commits are not durable: until the next acknowledged checkpoint. With Region.SyncCommit on, a
+// commit forces its log to disk, and a failed force fails the log as a failed write does.
 //
 // Acknowledging commit, by what its flush did:
 //   log good         state ACKED; protected_generation = G, next_generation
@@ -40,10 +40,12 @@ void AcknowledgeCheckpoint(LumRegion *region) {
     uint32_t generation = region->generation.load(std::memory_order_relaxed);
     _LumLogBufferAppend(region, LOG_CHECKPOINT, 0, 0);
     CommitRecords(region);
-    if (region->log_failed.load(std::memory_order_relaxed) != 0)
+    if (region->log_failed.load(std::memory_order_relaxed) != 0) {
         region->next_generation.store(GenerationAfterFailure(region), std::memory_order_relaxed);
-    else
+    } else {
         region->protected_generation.store(generation, std::memory_order_relaxed);
+        region->log_failing.store(false, std::memory_order_relaxed); // see NoteLogFailure
+    }
     region->checkpoint_state.store(CHECKPOINT_ACKED, std::memory_order_release);
 }
 

@@ -107,9 +107,12 @@ void _LumLogBufferFlush(LumRegion *region);
 // region logs nothing now or its log has failed.
 void _LumLogBufferForce(LumRegion *region);
 
-// Notes that the log of `generation` failed. The first failure since a log
-// write last succeeded is where LumRegionGetLogState says the run of
-// failures began; the next successful flush ends it.
+// Notes that the log of `generation` failed. The first failure since the
+// last acknowledged checkpoint is where LumRegionGetLogState says the run
+// of failures began. Only the next acknowledged checkpoint ends it: the logs
+// that start after a failure follow a gap, so recovery replays them only
+// from a chk file taken after the failure, and commits before its
+// acknowledgement are in no log that recovery could reach.
 inline void NoteLogFailure(LumRegion *region, uint32_t generation) {
     if (region->log_failing.load(std::memory_order_relaxed))
         return;

@@ -209,8 +209,6 @@ void _LumLogBufferFlush(LumRegion *region) {
     }
     buffer->used = 0;
     region->flushed_generation.store(generation, std::memory_order_relaxed);
-    if (region->log_failing.load(std::memory_order_relaxed))
-        region->log_failing.store(false, std::memory_order_relaxed);
 }
 
 void _LumLogBufferForce(LumRegion *region) {

@@ -11,6 +11,7 @@
 // its last LOG_COMMIT before that. The replay applies only what a scan accepted and the cut
 // left, but checks the bounds of each write again: it never writes outside
 // the image, whatever the file holds by then.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -20,10 +21,11 @@
 
 namespace {
 
-// The records of one log, block by block.
+// The records of one log up to file offset `end`, block by block.
 class LogReader {
   public:
-    LogReader(int fd, uint8_t *buffer) : fd_(fd), buffer_(buffer) {}
+    LogReader(int fd, uint8_t *buffer, uint64_t end = kWholeLog)
+        : fd_(fd), buffer_(buffer), end_(end) {}
 
     // The head of the next record, or null when fewer than 12 bytes remain.
     const uint8_t *Head() { return Hold(log_record::kHeadSize) ? buffer_ + offset_ : nullptr; }
@@ -48,14 +50,18 @@ class LogReader {
     void ReadBlock() {
         position_ += offset_;
         offset_ = 0;
-        ssize_t read = _LumPread(fd_, buffer_, kLogBlock, static_cast<int64_t>(position_));
+        uint64_t wanted = position_ < end_ ? std::min<uint64_t>(kLogBlock, end_ - position_) : 0;
+        ssize_t read = wanted == 0 ? 0
+                                   : _LumPread(fd_, buffer_, static_cast<uint32_t>(wanted),
+                                               static_cast<int64_t>(position_));
         failed_ = read < 0;
         filled_ = read < 0 ? 0 : static_cast<uint32_t>(read);
-        last_ = filled_ != kLogBlock;
+        last_ = filled_ != kLogBlock || position_ + filled_ == end_;
     }
 
     int fd_;
     uint8_t *buffer_;
+    uint64_t end_;
     uint64_t position_ = file_header::kSize; // file offset of buffer_[0]
     uint32_t offset_ = 0;
     uint32_t filled_ = 0;
@@ -125,8 +131,8 @@ void _LumLogCheck(RecoveryFile *log, uint8_t *buffer) {
     log->unreadable = log->unreadable || reader.ReadFailed();
 }
 
-int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise) {
-    LogReader reader(fd, buffer);
+int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise, uint64_t end) {
+    LogReader reader(fd, buffer, end);
     uint32_t used = region->used.load(std::memory_order_relaxed);
     DirtyMaps maps = DirtyMapsOf(region);
     uint32_t marked_page = UINT32_MAX; // nothing clears a mark during a replay

@@ -22,6 +22,13 @@
 // Every other working file is cut to nothing, and the dirty map of a file
 // that was cut is all ones, so its next checkpoint writes a whole image.
 //
+// The choice of source, logs, cuts and hand-over is one plan
+// (_LumRecoveryPlan), made from the verdicts alone before anything is read
+// or cut, so that a tool can show what an open would do. A read-only
+// recovery carries out the same plan without touching the files: it opens
+// them read-only, replays the log that would be cut only up to the cut,
+// neutralises nothing and hands nothing over.
+//
 // Nothing is published short of its source: a source that cannot be read
 // whole, a replay that fails or a cut that fails fails the open, with the
 // handle destroyed and every descriptor closed. By then only uncommitted
@@ -36,17 +43,6 @@
 #include "platform/platform.h"
 
 namespace {
-
-// The result of a log choice when no log applies: outside both expected
-// generations.
-constexpr uint32_t kNoLogApplied = 10;
-
-// The restore source and what it implies.
-struct Source {
-    RecoveryFile *image; // the file to restore from; null for the logs alone
-    int32_t chk_parity;  // the chk file that was the source, or -1
-    uint32_t first;      // the generation of log A
-};
 
 // Reads the source file into a fresh image. 0, the code of a size the image
 // refused, or -411 for a short read.
@@ -70,63 +66,107 @@ int32_t RestoreImage(LumRegion *region, const RecoveryFile &file) {
     return 0;
 }
 
-bool CutLog(LumRegion *region, RecoveryFile *log, uint32_t id, const char *format) {
-    LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 18, "Truncating log %d for %s",
-           static_cast<int>(log->generation), region->name);
-    return _LumFileCut(log, log->commit_end, id, format);
+// The log of `generation` among the valid logs, or -1; on equal
+// generations, index 1 wins.
+int32_t LogOf(const RecoveryFileSet &files, uint32_t generation) {
+    int32_t found = -1;
+    for (int32_t parity = 0; parity < 2; ++parity) {
+        if (files.log[parity].valid && files.log[parity].generation == generation)
+            found = parity;
+    }
+    return found;
 }
 
-// Replays `log`; `last` marks the last log applied, whose acknowledgements
-// of a chk file are neutralised unless that chk file is the source: the
-// region goes on in that log's generation, and a later checkpoint rewrites
-// the chk file of that generation in place, so an old acknowledgement
-// beside it would vouch for a half-written file.
+// Picks the logs that follow the source: log A alone, cut behind its last
+// LOG_COMMIT, unless it ended cleanly and log B continues it (B holds a
+// commit and does not follow a failed log); then A whole and B, cut behind
+// its last LOG_COMMIT.
+void PlanLogs(const RecoveryFileSet &files, RecoveryPlan *plan) {
+    plan->applied = plan->first + kNoLogApplied;
+    int32_t a = LogOf(files, plan->first);
+    if (a < 0)
+        return;
+    int32_t b = LogOf(files, plan->first + 1);
+    const RecoveryFile &log_a = files.log[a];
+    bool continues =
+        b >= 0 && files.log[b].commit_end > file_header::kSize && !files.log[b].follows_gap;
+    int32_t last = continues && log_a.clean ? b : a;
+    plan->replay[0] = a;
+    plan->replay[1] = last == b ? b : -1;
+    plan->applied = files.log[last].generation;
+    if (files.log[last].size != files.log[last].commit_end) {
+        plan->cut_parity = last;
+        plan->cut_length = files.log[last].commit_end;
+        plan->cut_step = last == b ? 3 : continues ? 2 : 1;
+    }
+}
+
+// Which working files the handle takes over emptied, by what was applied:
+//   applied     parity of first      parity of first + 1
+//   first       chk *, log kept      both emptied
+//   first + 1   chk *, log kept      chk emptied, log kept
+//   none        both emptied         both emptied
+// where chk * keeps the chk file of a chk source and empties any other.
+void PlanHandOver(RecoveryPlan *plan) {
+    uint32_t first = plan->first;
+    bool a_applied = plan->applied == first || plan->applied == first + 1;
+    int32_t own = first % 2, other = 1 - own;
+    plan->empty_chk[own] = !(plan->chk_parity >= 0 && a_applied);
+    plan->empty_log[own] = !a_applied;
+    plan->empty_chk[other] = true;
+    plan->empty_log[other] = plan->applied != first + 1;
+}
+
+// Replays `log` up to `end`; `last` marks the last log applied, whose
+// acknowledgements of a chk file are neutralised unless that chk file is
+// the source: the region goes on in that log's generation, and a later
+// checkpoint rewrites the chk file of that generation in place, so an old
+// acknowledgement beside it would vouch for a half-written file. A
+// read-only recovery changes no byte, so it neutralises nothing.
 int32_t Apply(LumRegion *region, const RecoveryFile &log, uint8_t *buffer, bool last,
-              const Source &source) {
-    bool source_acknowledged = source.chk_parity >= 0 && log.generation == source.first;
-    return _LumLogApply(region, log.fd, buffer, last && !source_acknowledged);
+              const RecoveryPlan &plan, bool read_only, uint64_t end) {
+    bool source_acknowledged = plan.chk_parity >= 0 && log.generation == plan.first;
+    bool neutralise = last && !source_acknowledged && !read_only;
+    return _LumLogApply(region, log.fd, buffer, neutralise, end);
 }
 
-// Picks, cuts and replays the logs that follow the source. *applied is the
-// generation of the last log applied, or first + kNoLogApplied.
-int32_t ChooseLogs(LumRegion *region, RecoveryFileSet *files, const Source &source, uint8_t *buffer,
-                   uint32_t *applied) {
-    RecoveryFile *a = nullptr, *b = nullptr;
-    for (RecoveryFile &log : files->log) { // on equal generations, index 1 wins
-        if (log.valid && log.generation == source.first)
-            a = &log;
-        else if (log.valid && log.generation == source.first + 1)
-            b = &log;
-    }
-    *applied = source.first + kNoLogApplied;
-    if (a == nullptr)
-        return 0;
-    bool continues = b != nullptr && b->commit_end > file_header::kSize && !b->follows_gap;
-    if (!continues || !a->clean) {
-        if (a->size != a->commit_end &&
-            !CutLog(region, a, continues ? 8 : 4,
-                    continues ? "ftruncate() 2: %s" : "ftruncate() 1: %s"))
+// Cuts and replays the logs of the plan. A read-only recovery replays the
+// log that would be cut only up to the cut.
+int32_t ReplayLogs(LumRegion *region, RecoveryFileSet *files, const RecoveryPlan &plan,
+                   uint8_t *buffer, bool read_only) {
+    static const char *const kCutFormats[] = {"ftruncate() 1: %s", "ftruncate() 2: %s",
+                                              "ftruncate() 3: %s"};
+    static const uint32_t kCutIds[] = {4, 8, 9};
+    if (plan.cut_parity >= 0 && !read_only) {
+        RecoveryFile *log = &files->log[plan.cut_parity];
+        LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 18,
+               "Truncating log %d for %s", static_cast<int>(log->generation), region->name);
+        if (!_LumFileCut(log, plan.cut_length, kCutIds[plan.cut_step - 1],
+                         kCutFormats[plan.cut_step - 1]))
             return LUM_RC_BAD_FILES;
-        *applied = a->generation;
-        return Apply(region, *a, buffer, true, source);
     }
-    if (b->size != b->commit_end && !CutLog(region, b, 9, "ftruncate() 3: %s"))
-        return LUM_RC_BAD_FILES;
-    *applied = b->generation;
-    int32_t rc = Apply(region, *a, buffer, false, source);
-    return rc != 0 ? rc : Apply(region, *b, buffer, true, source);
+    for (int32_t step = 0; step < 2 && plan.replay[step] >= 0; ++step) {
+        int32_t parity = plan.replay[step];
+        bool last = step == 1 || plan.replay[1] < 0;
+        uint64_t end = read_only && parity == plan.cut_parity ? plan.cut_length : kWholeLog;
+        if (int32_t rc = Apply(region, files->log[parity], buffer, last, plan, read_only, end);
+            rc != 0)
+            return rc;
+    }
+    return 0;
 }
 
-// Hands the chk and log file of `generation`'s parity to the handle, cut to
-// nothing as asked, the log positioned at its end for the next flush.
-bool Adopt(LumRegion *region, RecoveryFileSet *files, uint32_t generation, bool cut_chk,
-           bool cut_log) {
+// Hands the chk and log file of `generation`'s parity to the handle,
+// emptied as the plan says, the log positioned at its end for the next
+// flush.
+bool Adopt(LumRegion *region, RecoveryFileSet *files, const RecoveryPlan &plan,
+           uint32_t generation) {
     int parity = generation % 2;
     RecoveryFile &chk = files->chk[parity];
     RecoveryFile &log = files->log[parity];
-    if (cut_chk && !_LumFileCut(&chk, 0, 10, "ftruncate() 4: %s"))
+    if (plan.empty_chk[parity] && !_LumFileCut(&chk, 0, 10, "ftruncate() 4: %s"))
         return false;
-    if (cut_log && !_LumFileCut(&log, 0, 11, "ftruncate() 5: %s"))
+    if (plan.empty_log[parity] && !_LumFileCut(&log, 0, 11, "ftruncate() 5: %s"))
         return false;
     lum_platform.lseek(log.fd, 0, SEEK_END);
     region->chk_fd[parity] = std::exchange(chk.fd, -1);
@@ -140,83 +180,73 @@ void SetGenerations(LumRegion *region, uint32_t generation, uint32_t next, uint3
     region->flushed_generation.store(flushed, std::memory_order_relaxed);
 }
 
-// Hands over the files after the replay, by the generation it reached:
-//   applied     first adopt          second adopt         generation next   flushed
-//   first       first: chk *, keep   first+1: cut, cut    first      first+c first
-//   first + 1   first: chk *, keep   first+1: cut, keep   first+1    first+1 first+1
-//   none        first: cut, cut      first+1: cut, cut    first      first   first-2
-// where chk * keeps the source's chk file and cuts any other, and c is 1
-// for a chk source (its file must not be rewritten in place) and 0
-// otherwise. With no log applied, the log of `first` restarts at once with
-// a fresh header, and flushed_generation differs so that the first flush
-// starts it again.
-bool AdoptFiles(LumRegion *region, RecoveryFileSet *files, const Source &source, uint32_t applied) {
-    uint32_t first = source.first;
-    bool chk_source = source.chk_parity >= 0;
-    bool a_applied = applied == first || applied == first + 1;
-    if (!Adopt(region, files, first, !(chk_source && a_applied), !a_applied) ||
-        !Adopt(region, files, first + 1, true, applied != first + 1))
+// The generations the region goes on in, by the generation the replay
+// reached:
+//   applied     generation next      flushed
+//   first       first      first+c   first
+//   first + 1   first+1    first+1   first+1
+//   none        first      first     first-2
+// where c is 1 for a chk source (its file must not be rewritten in place)
+// and 0 otherwise. With no log applied, flushed_generation differs, so
+// that the first flush starts the log of `first` again.
+void PlanGenerations(LumRegion *region, const RecoveryPlan &plan) {
+    uint32_t first = plan.first;
+    if (plan.applied == first)
+        SetGenerations(region, first, first + (plan.chk_parity >= 0 ? 1 : 0), first);
+    else if (plan.applied == first + 1)
+        SetGenerations(region, first + 1, first + 1, first + 1);
+    else
+        SetGenerations(region, first, first, first - 2);
+}
+
+// Hands over the files after the replay. With no log applied, the log of
+// `first` restarts at once with a fresh header.
+bool AdoptFiles(LumRegion *region, RecoveryFileSet *files, const RecoveryPlan &plan) {
+    uint32_t first = plan.first;
+    if (!Adopt(region, files, plan, first) || !Adopt(region, files, plan, first + 1))
         return false;
     // The history that a failure must not cost starts with log A, whichever
     // log the region goes on in.
     region->protected_generation.store(first, std::memory_order_relaxed);
-    if (applied == first) {
-        SetGenerations(region, first, first + (chk_source ? 1 : 0), first);
-    } else if (applied == first + 1) {
-        SetGenerations(region, first + 1, first + 1, first + 1);
-    } else {
+    if (plan.applied != first && plan.applied != first + 1)
         _LumFileHeaderWriteStamped(region->log_fd[first % 2], first, RegionNextTimestamp(region),
                                    0);
-        SetGenerations(region, first, first, first - 2);
-    }
+    PlanGenerations(region, plan);
     return true;
 }
 
-// Restores the image from the source, replays the logs and hands over the
-// files. 0 or the code that fails the open.
-int32_t RestoreFrom(LumRegion *region, RecoveryFileSet *files, const Source &source,
-                    uint8_t *buffer) {
-    if (source.image != nullptr) {
-        if (int32_t rc = RestoreImage(region, *source.image); rc != 0)
+// Restores the image from the source and replays the logs, then hands
+// over the files, unless `read_only`. 0 or the code that fails the open.
+int32_t RestoreFrom(LumRegion *region, RecoveryFileSet *files, const RecoveryPlan &plan,
+                    uint8_t *buffer, bool read_only) {
+    if (plan.source == RecoverySource::kTab || plan.source == RecoverySource::kChk) {
+        RecoveryFile &image =
+            plan.source == RecoverySource::kTab ? files->tab : files->chk[plan.chk_parity];
+        if (int32_t rc = RestoreImage(region, image); rc != 0)
             return rc;
     }
     _LumFileClose(&files->tab);
     for (int32_t parity = 0; parity < 2; ++parity)
-        _LumDirtyMapFill(region, parity, parity != source.chk_parity);
-    uint32_t applied;
-    if (int32_t rc = ChooseLogs(region, files, source, buffer, &applied); rc != 0)
+        _LumDirtyMapFill(region, parity, parity != plan.chk_parity);
+    if (int32_t rc = ReplayLogs(region, files, plan, buffer, read_only); rc != 0)
         return rc;
     if (region->used.load(std::memory_order_relaxed) < region_header::kSize)
         return LUM_RC_BAD_FILES; // logs that never committed the region's first size
-    if (!AdoptFiles(region, files, source, applied))
+    if (read_only)
+        PlanGenerations(region, plan);
+    else if (!AdoptFiles(region, files, plan))
         return LUM_RC_BAD_FILES;
     _LumPageProtect(region, region->base, region->used.load(std::memory_order_relaxed));
     return 0;
 }
 
-// Probes the five files, takes the region's lock and judges the files.
-// A file that could not be read fails the open: its verdict would be a
-// guess, and a good file judged bad is cut.
-int32_t ProbeAndJudge(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer) {
-    const char *directory = region->directory;
-    const char *name = region->name;
-    int flags = O_RDWR | O_CREAT;
-    int32_t failed = _LumFileProbe(directory, name, ".tab", &files->tab, O_RDONLY);
-    failed |= _LumFileProbe(directory, name, "_0.chk", &files->chk[0], flags);
-    failed |= _LumFileProbe(directory, name, "_1.chk", &files->chk[1], flags);
-    failed |= _LumFileProbe(directory, name, "_0.log", &files->log[0], flags);
-    failed |= _LumFileProbe(directory, name, "_1.log", &files->log[1], flags);
-    if (failed != 0)
-        return LUM_RC_BAD_FILES;
-    if (int32_t rc = _LumFileLock(files->chk[0].fd); rc != 0)
+// Probes and judges the files of a region about to be recovered. A file
+// that could not be read fails the open: its verdict would be a guess, and
+// a good file judged bad is cut.
+int32_t ProbeAndJudge(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer, bool read_only) {
+    if (int32_t rc = _LumRecoveryJudge(region->directory, region->name, files, buffer, read_only);
+        rc != 0)
         return rc;
-    if (region_sync_commit == 1 && _LumDirectoryForce(directory) != 0)
-        return LUM_RC_BAD_FILES; // a file made just now might not survive the machine
-    for (int32_t parity = 0; parity < 2; ++parity)
-        _LumLogCheck(&files->log[parity], buffer);
-    for (int32_t parity = 0; parity < 2; ++parity)
-        _LumChkCheck(&files->chk[parity], files->log[parity]);
-    _LumTabCheck(&files->tab);
     bool unreadable = false;
     int32_t newest = 0;
     for (const RecoveryFile *file : files->All()) {
@@ -227,41 +257,33 @@ int32_t ProbeAndJudge(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer
     return unreadable ? LUM_RC_BAD_FILES : 0;
 }
 
-// The first source that passes its test, or -411 when none does.
-int32_t PickSource(RecoveryFileSet *files, Source *source) {
-    if (_LumUseTab(*files)) {
-        *source = {&files->tab, -1, files->tab.generation + 1};
-        return 0;
-    }
-    if (int32_t parity = _LumUseChk(*files); parity >= 0) {
-        *source = {&files->chk[parity], parity, files->chk[parity].generation};
-        return 0;
-    }
-    if (_LumUseLogs(*files)) {
-        *source = {nullptr, -1, 0};
-        return 0;
-    }
-    return LUM_RC_BAD_FILES;
-}
-
-void ReportSource(const LumRegion *region, const RecoveryFileSet &files, const Source &source) {
+void ReportSource(const LumRegion *region, const RecoveryPlan &plan) {
     static const char *const kRestoring[] = {"Restoring %s from TAB file",
                                              "Restoring %s from CHK file",
                                              "Restoring %s from LOG file(s)"};
-    int kind = source.image == &files.tab ? 0 : source.chk_parity >= 0 ? 1 : 2;
+    int kind = static_cast<int>(plan.source) - static_cast<int>(RecoverySource::kTab);
     LumLog(LUM_LOG_PROGRESS, 1, region_catalog, kSetReport, 15 + kind, kRestoring[kind],
            region->name);
 }
 
-int32_t Recover(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer) {
-    if (int32_t rc = ProbeAndJudge(region, files, buffer); rc != 0)
+int32_t Recover(LumRegion *region, RecoveryFileSet *files, uint8_t *buffer, bool read_only) {
+    if (int32_t rc = ProbeAndJudge(region, files, buffer, read_only); rc != 0)
         return rc;
-    Source source;
-    if (int32_t rc = PickSource(files, &source); rc != 0)
+    RecoveryPlan plan;
+    if (int32_t rc = _LumRecoveryPlan(*files, &plan); rc != 0)
         return rc;
-    ReportSource(region, *files, source);
-    int32_t rc = RestoreFrom(region, files, source, buffer);
+    ReportSource(region, plan);
+    int32_t rc = RestoreFrom(region, files, plan, buffer, read_only);
     return rc == 0 || rc == LUM_RC_SOFT_LIMIT ? rc : LUM_RC_BAD_FILES;
+}
+
+// Runs recovery on a new handle with a buffer of its own. The caller
+// closes the files that are left in `files`.
+int32_t RecoverWithBuffer(LumRegion *region, RecoveryFileSet *files, bool read_only) {
+    auto *buffer = static_cast<uint8_t *>(lum_malloc(kLogBlock));
+    int32_t rc = buffer == nullptr ? LUM_RC_NO_MEMORY : Recover(region, files, buffer, read_only);
+    lum_free(buffer);
+    return rc;
 }
 
 // Undoes a failed open: the handle, its image and every descriptor.
@@ -301,6 +323,75 @@ int32_t VerifyRecovered(LumRegion *region) {
 
 } // namespace
 
+int32_t _LumRecoveryPlan(const RecoveryFileSet &files, RecoveryPlan *plan) {
+    *plan = RecoveryPlan{};
+    if (_LumUseTab(files)) {
+        plan->source = RecoverySource::kTab;
+        plan->first = files.tab.generation + 1;
+    } else if (int32_t parity = _LumUseChk(files); parity >= 0) {
+        plan->source = RecoverySource::kChk;
+        plan->chk_parity = parity;
+        plan->first = files.chk[parity].generation;
+    } else if (_LumUseLogs(files)) {
+        plan->source = RecoverySource::kLogs;
+    } else {
+        return LUM_RC_BAD_FILES;
+    }
+    PlanLogs(files, plan);
+    PlanHandOver(plan);
+    return 0;
+}
+
+int32_t _LumRecoveryJudge(const char *directory, const char *name, RecoveryFileSet *files,
+                          uint8_t *buffer, bool read_only) {
+    int flags = read_only ? O_RDONLY : O_RDWR | O_CREAT;
+    int32_t failed = _LumFileProbe(directory, name, ".tab", &files->tab, O_RDONLY);
+    failed |= _LumFileProbe(directory, name, "_0.chk", &files->chk[0], flags);
+    failed |= _LumFileProbe(directory, name, "_1.chk", &files->chk[1], flags);
+    failed |= _LumFileProbe(directory, name, "_0.log", &files->log[0], flags);
+    failed |= _LumFileProbe(directory, name, "_1.log", &files->log[1], flags);
+    if (failed != 0)
+        return LUM_RC_BAD_FILES;
+    if (!read_only) {
+        if (int32_t rc = _LumFileLock(files->chk[0].fd); rc != 0)
+            return rc;
+        if (region_sync_commit == 1 && _LumDirectoryForce(directory) != 0)
+            return LUM_RC_BAD_FILES; // a file made just now might not survive the machine
+    }
+    for (int32_t parity = 0; parity < 2; ++parity)
+        _LumLogCheck(&files->log[parity], buffer);
+    for (int32_t parity = 0; parity < 2; ++parity)
+        _LumChkCheck(&files->chk[parity], files->log[parity]);
+    _LumTabCheck(&files->tab);
+    return 0;
+}
+
+int32_t _LumRegionRecoverReadOnly(const char *name, const char *directory, uint32_t hard_limit,
+                                  LumRegion **out_region) {
+    *out_region = nullptr;
+    if (!RegionArgumentsAcceptable(name, LUM_REGION_PERSISTENT, directory))
+        return LUM_RC_FAILURE;
+    LumRegion *region;
+    int32_t rc = _LumImageCreate(name, LUM_REGION_PERSISTENT, hard_limit, hard_limit, 0, 0,
+                                 directory, &region);
+    if (rc != 0)
+        return rc;
+    RecoveryFileSet files;
+    rc = RecoverWithBuffer(region, &files, true);
+    for (RecoveryFile *file : files.All())
+        _LumFileClose(file);
+    if (rc != 0) {
+        _LumImageDestroy(region);
+        return rc;
+    }
+    *out_region = region;
+    return 0;
+}
+
+void _LumRegionCloseReadOnly(LumRegion *region) {
+    _LumImageDestroy(region);
+}
+
 int32_t LumRegionOpen(const char *name, uint32_t hard_limit, uint32_t soft_limit,
                       uint32_t largest_record, int32_t protect, const char *directory,
                       LumRegion **out_region, void **out_base) {
@@ -316,9 +407,7 @@ int32_t LumRegionOpen(const char *name, uint32_t hard_limit, uint32_t soft_limit
     if (rc != 0)
         return rc;
     RecoveryFileSet files;
-    auto *buffer = static_cast<uint8_t *>(lum_malloc(kLogBlock));
-    rc = buffer == nullptr ? LUM_RC_NO_MEMORY : Recover(region, &files, buffer);
-    lum_free(buffer);
+    rc = RecoverWithBuffer(region, &files, false);
     if (rc != 0)
         return Abandon(region, &files, rc);
     Publish(region);

@@ -77,15 +77,69 @@ bool _LumUseLogs(const RecoveryFileSet &set);
 // log stay where a later recovery could chain it.
 bool _LumFileCut(RecoveryFile *file, uint64_t length, uint32_t id, const char *format);
 
+// recovery.cc -----------------------------------------------------------
+
+// The result of a log choice when no log applies: outside both expected
+// generations.
+inline constexpr uint32_t kNoLogApplied = 10;
+
+// Where the image comes from.
+enum class RecoverySource { kNone, kTab, kChk, kLogs };
+
+// What recovery does with a judged file set, decided before anything is
+// read into an image or cut on disk. LumRegionOpen carries it out; the
+// read-only recovery and the tools that explain a file set read it.
+struct RecoveryPlan {
+    RecoverySource source = RecoverySource::kNone;
+    int32_t chk_parity = -1; // the chk file that is the source, or -1
+    uint32_t first = 0;      // the generation of log A, the first one expected
+    // The logs replayed, in this order, by parity; -1 for none.
+    int32_t replay[2] = {-1, -1};
+    // The log cut behind its last LOG_COMMIT before the replay (the last log
+    // replayed, when anything follows that record), or -1; cut_step (1 to
+    // 3) names the step in the report of a failed cut.
+    int32_t cut_parity = -1;
+    uint64_t cut_length = 0;
+    uint32_t cut_step = 0;
+    // The generation of the last log replayed, or first + kNoLogApplied.
+    uint32_t applied = 0;
+    // After the replay, by parity: the working files emptied when the
+    // handle takes them over.
+    bool empty_chk[2] = {false, false};
+    bool empty_log[2] = {false, false};
+};
+
+// Picks the source of a judged file set and the logs that follow it. 0, or
+// -411 when no source passes its test. Reads and changes nothing.
+int32_t _LumRecoveryPlan(const RecoveryFileSet &files, RecoveryPlan *plan);
+
+// Probes the five files of directory + name and judges them. With
+// `read_only`, every file is opened read-only, none is created and the
+// region's lock is not taken. 0, -411 when a file could not be probed or
+// read, or the code of the lock. The caller closes the files.
+int32_t _LumRecoveryJudge(const char *directory, const char *name, RecoveryFileSet *files,
+                          uint8_t *buffer, bool read_only);
+
+// Recovers a region into memory as LumRegionOpen would, without writing to
+// its files: they are opened read-only, nothing is cut, rewritten or
+// handed over, and the region is neither online nor registered, so no
+// checkpoint visits it. The handle owns no file; end it with
+// _LumRegionCloseReadOnly. 0, or the code LumRegionOpen would give.
+int32_t _LumRegionRecoverReadOnly(const char *name, const char *directory, uint32_t hard_limit,
+                                  LumRegion **out_region);
+void _LumRegionCloseReadOnly(LumRegion *region);
+
 // log_replay.cc ---------------------------------------------------------
 
 // Scans a log through `buffer` (kLogBlock bytes): valid, clean,
 // commit_end, checkpoint_position. Changes nothing on disk.
 void _LumLogCheck(RecoveryFile *log, uint8_t *buffer);
 
-// Replays the log at `fd` into the image from offset 32 through `buffer`.
-// With `neutralise`, every LOG_CHECKPOINT met is rewritten on disk as a
+// Replays the log at `fd` into the image from offset 32 to file offset
+// `end` (kWholeLog: to the end of the file) through `buffer`. With
+// `neutralise`, every LOG_CHECKPOINT met is rewritten on disk as a
 // LOG_COMMIT, which replays alike but acknowledges no chk file. 0 when the
-// log was replayed to its exact end; the code of a size the image refused
+// log was replayed to exactly `end`; the code of a size the image refused
 // (-402, -403); or -19 for a record it cannot apply or a failed read.
-int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise);
+inline constexpr uint64_t kWholeLog = UINT64_MAX;
+int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise, uint64_t end);

@@ -91,7 +91,7 @@ struct LumRegion {
     std::atomic<uint32_t> log_failed;
     std::atomic<uint32_t> protected_generation; // see GenerationAfterFailure (durable.h)
     bool log_follows_gap;                       // the next log restart marks a gap; writer only
-    std::atomic<bool> log_failing;              // no flush succeeded since a log failed
+    std::atomic<bool> log_failing;              // a log failed since the last acknowledgement
     std::atomic<uint32_t> log_failed_since;     // the generation of that first failure
     int32_t sync_failed;                        // the last sync failed: working files stay at close
     std::atomic<int32_t> last_timestamp; // the newest header timestamp of this region's files
