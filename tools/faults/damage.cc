@@ -45,7 +45,7 @@ void WriteAll(const std::string &path, const uint8_t *bytes, size_t length) {
 bool MakeFileSet(const std::string &directory, std::vector<File> *files) {
     MakeEmptyDirectory(directory);
     Outcome *outcome = SharedOutcome();
-    *outcome = Outcome{-1, -1, 0, 0, 0, 0, 0, -1, 0, 0};
+    *outcome = Outcome{};
     Ending ending = RunInChild(
         [&] {
             if (!StartLibrary(directory, nullptr, false))
@@ -92,7 +92,7 @@ void TryDamage(const std::vector<File> &files, const Damage &damage, const std::
         }
         WriteAll(directory + kRegionName + files[i].suffix, bytes.data(), bytes.size());
     }
-    *outcome = Outcome{-1, -1, 0, 0, 0, 0, 0, -1, 0, 0};
+    *outcome = Outcome{};
     Ending ending = RunInChild(
         [&] {
             if (!StartLibrary(directory, nullptr, false))

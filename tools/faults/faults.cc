@@ -120,7 +120,7 @@ struct Runner {
     // Runs the workload of `what`; returns whether its fault was met.
     bool Run(const Case &what) {
         MakeEmptyDirectory(directory);
-        *outcome = Outcome{-1, -1, 0, 0, 0, 0, 0, -1, 0, 0};
+        *outcome = Outcome{};
         Ending ending = RunInChild(
             [&] {
                 if (!StartLibrary(directory, outcome, show))
@@ -174,11 +174,11 @@ struct Runner {
         if (ending != Ending::kClean) {
             ++tally.crashed;
             Say(what, "the judge's open crashed or hung");
-        } else if (outcome->open_result != 0 && outcome->recovered < 0 && acknowledged < 0) {
-            ++tally.refused;
         } else if (outcome->verify_result != 0) {
             ++tally.unverified;
             Say(what, "the recovered image does not verify");
+        } else if (outcome->open_result != 0 && acknowledged < 0) {
+            ++tally.refused;
         } else if (acknowledged >= 0 && outcome->recovered < acknowledged) {
             ++tally.lost;
             Say(what, "an acknowledged commit was lost");

@@ -16,16 +16,16 @@ constexpr uint32_t kHardLimit = 4u << 20;
 
 // What one run of the workload (or of the judge) leaves for the parent.
 struct Outcome {
-    int64_t attempted;       // the last commit the workload started, -1 for none
-    int64_t acknowledged;    // the last commit whose log write succeeded, -1 for none
-    uint32_t root;           // image offset of the item table
-    uint32_t failures_shown; // nonzero results, failed log states and failure reports
-    uint32_t finished;       // the workload ran to its end
-    uint32_t reached;        // the fault injected into the workload was met
-    int64_t calls;           // file calls the workload made
-    int64_t recovered;       // the judge: the commit the image equals, -1 for none
-    int32_t open_result;     // the judge: LumRegionOpen's result
-    int32_t verify_result;   // the judge: LumRegionVerify's result
+    int64_t attempted = -1;      // the last commit the workload started, -1 for none
+    int64_t acknowledged = -1;   // the last commit whose log write succeeded, -1 for none
+    uint32_t root = 0;           // image offset of the item table
+    uint32_t failures_shown = 0; // nonzero results, failed log states and failure reports
+    uint32_t finished = 0;       // the workload ran to its end
+    uint32_t reached = 0;        // the fault injected into the workload was met
+    int64_t calls = 0;           // file calls the workload made
+    int64_t recovered = -1;      // the judge: the commit the image equals, -1 for none
+    int32_t open_result = 0;     // the judge: LumRegionOpen's result
+    int32_t verify_result = 0;   // the judge: LumRegionVerify's result
 };
 
 // A page of memory shared with every child forked after it.
