@@ -278,7 +278,8 @@ typedef struct LumRegionInfo {
  *         space cannot be reserved;
  *    -402 a soft limit of 0: the region header needs a page;
  *    -403 the first MiB cannot be committed;
- *    -1   a working file cannot be created (the files made are removed);
+ *    -1   a working file cannot be created, or the ".tab" of an earlier
+ *         region of the name cannot be removed (the files made are removed);
  *    -414 the region is in use, by a handle in this process or another
  *         (no file was changed; an "_0.chk" that did not exist may remain).
  *  A lock that cannot be taken for another reason gives -19. */

@@ -88,10 +88,12 @@ TEST_F(PersistentTest, FailedFlushOrRestartFailsTheLogOfItsGeneration) {
         int write_at;
         bool ftruncate;
         std::string error;
+        bool short_write = false; // which sets no errno
     } rows[] = {
         {"write", 0, 1, false, "No space left on device"},
         {"zap: truncate", 2, 0, true, "Input/output error"},
         {"zap: header", 2, 1, false, "No space left on device"},
+        {"zap: short header", 2, 1, false, "Input/output error", true},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
@@ -104,8 +106,10 @@ TEST_F(PersistentTest, FailedFlushOrRestartFailsTheLogOfItsGeneration) {
             lumtest::FileFaults faults;
             faults.fail_write_at = row.write_at;
             faults.fail_ftruncate = row.ftruncate;
+            faults.short_write = row.short_write;
             lumtest::LogCapture log;
             LumDebugFacilitySet("region", 1);
+            errno = 0;
             Commit(region);
             LumDebugFacilitySet("region", 0);
             auto reports = log.Find(2, 1);

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <span>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "persistent_fixture.h"
@@ -211,5 +212,31 @@ TEST_F(PersistentTest, RegionInUseIsRefusedAndAfterItsCloseACreateStartsClean) {
     EXPECT_FALSE(Exists("p.tab"));
     EXPECT_FALSE(Exists("p.tabnew"));
     EXPECT_EQ(Read("p_0.chk").size(), 0u);
+    EXPECT_EQ(LumRegionDrop(second), 0);
+}
+
+// A snapshot of an earlier region that cannot be removed would be taken by
+// recovery over the new region's logs: the create fails instead, and the
+// earlier region stays whole.
+TEST_F(PersistentTest, CreateThatCannotRemoveTheOldSnapshotFailsAndKeepsIt) {
+    LumRegion *first = CreatePersistent();
+    Change(first, 4000, 8, 0x5a); // behind the region header's fields
+    LumRegionCommit(first);
+    ASSERT_EQ(LumRegionClose(first), 0);
+    LumRegion *second = nullptr;
+    {
+        lumtest::PlatformGuard guard;
+        lum_platform.unlink = [](const char *path) {
+            errno = EIO;
+            return std::string_view(path).ends_with(".tab") ? -1 : lum_platform_system.unlink(path);
+        };
+        EXPECT_EQ(CreateNamed("p", LUM_REGION_PERSISTENT, dir_.path().c_str(), &second),
+                  LUM_RC_FILE_CREATE);
+    }
+    EXPECT_EQ(second, nullptr);
+    EXPECT_FALSE(Exists("p_0.log"));
+    void *base;
+    ASSERT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, dir_.path().c_str(), &second, &base), 0);
+    EXPECT_EQ(second->base[4000], 0x5a);
     EXPECT_EQ(LumRegionDrop(second), 0);
 }

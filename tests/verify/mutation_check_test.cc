@@ -21,6 +21,8 @@ class MutationCheckTest : public RegionTest {
     void TearDown() override {
         region_mutation_check = 0;
         LumDebugFacilitySet("region_mutation", 0);
+        LumSegmentClose(segment_);
+        LumSegmentClose(other_);
         RegionTest::TearDown();
     }
     // Rewrites the bytes at `target` with themselves through the logged

@@ -85,7 +85,7 @@ int ZapLog(LumRegion *region, uint32_t generation, int parity) {
     }
     uint8_t flags = region->log_follows_gap ? file_header::kFollowsGap : 0;
     if (_LumFileHeaderWriteStamped(fd, generation, RegionNextTimestamp(region), flags) != 0)
-        return errno;
+        return errno != 0 ? errno : EIO; // a short write sets no errno, and must not pass
     region->log_follows_gap = false;
     if (lum_platform.lseek(fd, file_header::kSize, SEEK_SET) != file_header::kSize)
         return errno;

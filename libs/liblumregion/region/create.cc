@@ -1,6 +1,7 @@
 // Creating a region: checking the caller's arguments, building the handle
 // and its image, initialising the region header, and making the region
 // known to the registry.
+#include <cerrno>
 #include <fcntl.h>
 
 #include "alloc/layout.h"
@@ -56,13 +57,15 @@ int32_t LockRegionFiles(LumRegion *region) {
 // Under the region's lock: empties the locked "_0.chk", removes the
 // snapshot of an earlier region of the name, creates (emptying) the other
 // three working files, and with Region.SyncCommit on forces the directory.
-// All steps are tried.
+// All steps are tried. An old ".tab" that stays would be taken by recovery
+// over the new region's logs, so failing to remove it fails the create.
 int32_t CreateWorkingFiles(LumRegion *region) {
     int32_t failed = lum_platform.ftruncate(region->chk_fd[0], 0) == 0 ? 0 : LUM_RC_FILE_CREATE;
     char path[kPathBufferSize];
     for (const char *suffix : {".tab", ".tabnew"}) {
         RegionFilePath(path, region->directory, region->name, suffix);
-        lum_platform.unlink(path); // there may be none
+        if (lum_platform.unlink(path) != 0 && errno != ENOENT) // there may be none
+            failed |= LUM_RC_FILE_CREATE;
     }
     failed |= _LumRegionFileCreate(region->name, region->directory, "_1.chk", &region->chk_fd[1]);
     failed |= _LumRegionFileCreate(region->name, region->directory, "_0.log", &region->log_fd[0]);
