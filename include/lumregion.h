@@ -352,13 +352,16 @@ LUMREGION_API int32_t LumRegionDrop(LumRegion *region);
  *  or ${NAME}); a missing directory is created, one level deep. The path is
  *  checked before anything is created: the data directory given to
  *  LumRegionStartup is refused, compared by name without regard to case,
- *  and so is a directory with which a region's file names would not fit a
+ *  and so is the own directory of an open persistent region (its snapshot
+ *  would be taken over the commits made after it), and a directory with
+ *  which a region's file names would not fit a
  *  path (263 bytes for directory, name and ".tabnew"). Holds the registry
  *  for the whole call, so the background thread waits meanwhile. The host
  *  must not change a region while it syncs. A region whose sync failed keeps
  *  its working files at LumRegionClose or LumRegionDrop until a later sync
  *  of it succeeds. The caller keeps @p path.
- *  @return 0; -412 for the data directory or a path too long; 12; a code of
+ *  @return 0; -412 for the data directory, a region's own directory or a
+ *  path too long; 12; a code of
  *  the path conversion or expansion; the errno of examining or creating the
  *  directory; else the first failure in registry order (an errno value, or
  *  -19), after every region had its attempt; -19 for a null path or a

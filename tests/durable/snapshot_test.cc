@@ -120,6 +120,7 @@ TEST_F(SyncAllTest, SyncsEveryRegionIntoTheExpandedPathAndReturnsTheFirstFailure
     EXPECT_FALSE(Exists("p.tab")) << "the region's own snapshot is not touched";
     EXPECT_EQ(LumRegionSyncAll((dir_.path() + "missing/twice").c_str()), ENOENT);
     EXPECT_EQ(LumRegionSyncAll((std::string(region_home) + "//").c_str()), LUM_RC_BAD_PATH);
+    EXPECT_EQ(LumRegionSyncAll(dir_.path().c_str()), LUM_RC_BAD_PATH) << "the regions' own";
     EXPECT_EQ(_LumPathCheckHome("/Data/Home/", "/data/home"), LUM_RC_BAD_PATH);
     for (auto [path, expected] : {std::pair{"/data///", "/data"}, {"/", "/"}, {"//", "/"}}) {
         char *stripped = nullptr;

@@ -149,11 +149,25 @@ int32_t CheckNamesFit(const char *directory) {
     return 0;
 }
 
+// -412 when `stripped` names the home directory, or the own directory of a
+// registered persistent region: a snapshot there would be newer than that
+// region's working files, and its next open would take the snapshot over
+// every commit made after it. The caller holds the registry.
+int32_t RefuseOwnDirectories(const char *stripped) {
+    if (int32_t rc = _LumPathCheckHome(region_home, stripped); rc != 0)
+        return rc;
+    for (LumRegion *region : region_registry)
+        if (region != nullptr && IsPersistent(region))
+            if (int32_t rc = _LumPathCheckHome(region->directory, stripped); rc != 0)
+                return rc;
+    return 0;
+}
+
 // Checks the target directory, creating it when it is missing (one level).
 int32_t PrepareDirectory(SyncAllStrings &strings) {
     struct stat info;
     if (lum_platform.stat(strings.stripped, &info) == 0)
-        return _LumPathCheckHome(region_home, strings.stripped);
+        return RefuseOwnDirectories(strings.stripped);
     if (errno != ENOENT)
         return errno;
     return lum_platform.mkdir(strings.expanded, 0700) == 0 ? 0 : errno;
