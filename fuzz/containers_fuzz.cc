@@ -4,7 +4,6 @@
 // image, whatever its chains say.
 #include <cstring>
 
-#include "durable/durable.h"
 #include "fuzz_support.h"
 
 namespace {
@@ -43,15 +42,9 @@ void WalkTable(LumRegHash *table) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzStart();
-    LumRegion *region;
-    void *base;
-    if (size > 4 * kFuzzMiB || LumRegionCreate("c", LUM_REGION_SCRATCH, 8 * kFuzzMiB, 8 * kFuzzMiB,
-                                               0, 0, nullptr, &region, &base) != 0)
+    LumRegion *region = RegionHolding(data, size);
+    if (region == nullptr)
         return 0;
-    uint32_t pages = static_cast<uint32_t>(PageRoundUp(size));
-    if (pages > region->used && _LumImageSetSize(region, pages) != 0)
-        abort();
-    memcpy(region->base, data, size);
     if (LumRegionVerify(region) == 0) { // the allocator's own walks need a sound image
         for (uint32_t id = 0; id < 4; ++id)
             for (uint32_t keys = 1; keys <= 2; ++keys)

@@ -4,9 +4,11 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <unistd.h>
 
+#include "durable/durable.h"
 #include "lumregion.h"
 
 inline constexpr uint32_t kFuzzMiB = 1024 * 1024;
@@ -33,4 +35,19 @@ inline const std::string &FuzzStart() {
         return std::string(pattern) + "/";
     }();
     return directory;
+}
+
+// A scratch region whose image holds the input, its used size the input's
+// rounded up to pages; null for an input larger than 4 MiB.
+inline LumRegion *RegionHolding(const uint8_t *data, size_t size) {
+    LumRegion *region;
+    void *base;
+    if (size > 4 * kFuzzMiB || LumRegionCreate("image", LUM_REGION_SCRATCH, 8 * kFuzzMiB,
+                                               8 * kFuzzMiB, 0, 0, nullptr, &region, &base) != 0)
+        return nullptr;
+    uint32_t pages = static_cast<uint32_t>(PageRoundUp(size));
+    if (pages > region->used && _LumImageSetSize(region, pages) != 0)
+        abort();
+    memcpy(region->base, data, size);
+    return region;
 }
