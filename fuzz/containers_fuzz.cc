@@ -1,7 +1,8 @@
-// The hash table on any image: the input becomes the image of a scratch
-// region, each segment is opened as a table of one or two keys, and find,
-// the cursor and both walks run over it. None may loop or read outside the
-// image, whatever its chains say.
+// The containers on any image: the input becomes the image of a scratch
+// region. Each segment is opened as a hash table of one or two keys, and
+// find, the cursor and both walks run over it; each of its first chunks is
+// taken for a list header, walked both ways, indexed, cut and flushed.
+// None may loop or read or write outside the image, whatever its links say.
 #include <cstring>
 
 #include "fuzz_support.h"
@@ -38,6 +39,36 @@ void WalkTable(LumRegHash *table) {
     }
 }
 
+// A host's walks of a list, bounded by the host as a host would bound them
+// (Next and Prev take one step each and cannot know a circle).
+void WalkList(LumSegment *segment, uint8_t *base, LumRegList *list) {
+    LumRegListNth(base, list, static_cast<int32_t>(LumRegListNumItems(list) / 2));
+    uint32_t steps = 0;
+    for (void *node = LumRegListFirst(base, list); node != nullptr && steps < 4096;
+         node = LumRegListNext(base, node))
+        ++steps;
+    for (void *node = LumRegListLast(base, list); node != nullptr && steps < 8192;
+         node = LumRegListPrev(base, node))
+        ++steps;
+    LumRegListDeleteNext(segment, base, list, LumRegListHead(base, list));
+    LumRegListFlush(segment, base, list, nullptr, nullptr);
+}
+
+void WalkLists(LumRegion *region, uint32_t id) {
+    LumSegment *segment;
+    LumSegmentScan *scan;
+    if (LumSegmentOpen(region, id, &segment) != 0)
+        return;
+    if (LumSegmentScanBegin(segment, &scan) == 0) {
+        void *chunk;
+        for (int lists = 0; lists < 4 && LumSegmentScanNext(scan, &chunk) == 0; ++lists)
+            if (LumMemGetSize(chunk) >= 28)
+                WalkList(segment, region->base, static_cast<LumRegList *>(chunk));
+        LumSegmentScanEnd(scan);
+    }
+    LumSegmentClose(segment);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -52,6 +83,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                     WalkTable(table);
                     LumRegHashClose(table);
                 }
+        for (uint32_t id = 0; id < 4; ++id)
+            WalkLists(region, id);
     }
     LumRegionClose(region);
     return 0;

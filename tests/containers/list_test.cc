@@ -202,3 +202,49 @@ TEST_F(ListTest, AFailedAllocationIsReportedOrRaisedAndLeavesNothing) {
     LumSegmentClose(segment);
     LumRegionClose(region);
 }
+
+// A damaged link or count ends every operation with a report before it
+// reads or writes outside the image, and a change writes nothing.
+TEST_F(ListTest, DamagedLinksEndEveryOperationWithAReport) {
+    LumRegion *region = CreatePersistent();
+    LumSegment *segment = NewSegment(region, 65536);
+    uint8_t *base = region->base;
+    LumRegList *list = LumRegListCreate(segment, base);
+    void *nodes[4];
+    for (void *&node : nodes)
+        node = LumRegListAlloc(segment, base, 4);
+    for (void *node : {nodes[0], nodes[1], nodes[2]})
+        LumRegListInsertBefore(segment, base, list, node, LumRegListTail(base, list));
+    uint8_t *last_next = static_cast<uint8_t *>(nodes[2]) - 8;
+    const std::pair<const char *, uint32_t> damage[] = {{"past the image", region->used + 4096},
+                                                        {"the region header", 64}};
+    for (auto [what, next] : damage) {
+        SCOPED_TRACE(what);
+        ImageStore32(last_next, next);
+        uint32_t log_used = region->log_buffer->used;
+        lumtest::LogCapture capture;
+        EXPECT_EQ(LumRegListNext(base, nodes[2]), nullptr);
+        EXPECT_EQ(LumRegListDeleteNext(segment, base, list, nodes[1]), nullptr);
+        LumRegListDelete(segment, base, list, nodes[2]);
+        LumRegListInsertAfter(segment, base, list, nodes[3], nodes[2]);
+        EXPECT_EQ(region->log_buffer->used, log_used);
+        EXPECT_EQ(capture.Find(102, 0).size(), 4u);
+        EXPECT_EQ(capture.Find(102, 0).at(0).text,
+                  "LumRegListNext: List in region \"p\" has a damaged link at offset " +
+                      std::to_string(next) + ".");
+    }
+    // A circle and a count beyond the image: both walks end.
+    ImageStore32(last_next, ImageOffsetOf(region, static_cast<uint8_t *>(nodes[0]) - 8));
+    ImageStore32(reinterpret_cast<uint8_t *>(list), INT32_MAX);
+    lumtest::LogCapture capture;
+    EXPECT_EQ(LumRegListNth(base, list, INT32_MAX - 1), nullptr);
+    LumRegListFlush(segment, base, list, nullptr, nullptr);
+    EXPECT_EQ(capture.Find(102, 0).size(), 2u);
+    EXPECT_EQ(LumRegListNumItems(list), 0u);
+    EXPECT_EQ(LumRegListFirst(base, list), nullptr);
+    uint32_t elsewhere[7] = {};
+    EXPECT_EQ(LumRegListFirst(base, reinterpret_cast<LumRegList *>(elsewhere)), nullptr);
+    EXPECT_EQ(capture.Lines().back(), "4 102/0 LumRegListFirst: List is in no open region.");
+    LumSegmentClose(segment);
+    LumRegionClose(region);
+}

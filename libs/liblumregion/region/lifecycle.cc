@@ -9,9 +9,15 @@
 //   gone         the Unref that finds 0
 // Locks: region_registry_mutex may be held while a handle_mutex is taken,
 // never the other way round; _LumRegionUnref runs outside the registry mutex.
+#include <atomic>
+
 #include "durable/durable.h"
 #include "platform/platform.h"
 #include "region/region.h"
+
+// Counts the registry's changes, so that a thread may keep its last answer
+// of _LumRegionHolding for as long as no handle came or went.
+static std::atomic<uint64_t> registry_changes{1};
 
 void _LumRegionRef(LumRegion *region) {
     LumMutexLock(region->handle_mutex);
@@ -40,10 +46,42 @@ static void ReplaceRegistrySlot(const LumRegion *from, LumRegion *to) {
     for (LumRegion *&slot : region_registry) {
         if (slot == from) {
             slot = to;
+            registry_changes.fetch_add(1, std::memory_order_release);
             break;
         }
     }
     LumMutexUnlock(region_registry_mutex);
+}
+
+static LumRegion *RegistryLookup(const uint8_t *address) {
+    LumRegion *found = nullptr;
+    LumMutexLock(region_registry_mutex);
+    for (LumRegion *region : region_registry) {
+        if (region != nullptr && address >= region->base &&
+            address < region->base + region->hard_limit) {
+            found = region;
+            break;
+        }
+    }
+    LumMutexUnlock(region_registry_mutex);
+    return found;
+}
+
+LumRegion *_LumRegionHolding(const void *address) {
+    struct Answer {
+        uint64_t changes;
+        LumRegion *region;
+    };
+    thread_local Answer last{0, nullptr};
+    const auto *at = static_cast<const uint8_t *>(address);
+    uint64_t changes = registry_changes.load(std::memory_order_acquire);
+    if (last.changes == changes && last.region != nullptr && at >= last.region->base &&
+        at < last.region->base + last.region->hard_limit)
+        return last.region;
+    LumRegion *region = RegistryLookup(at);
+    if (region != nullptr)
+        last = {changes, region};
+    return region;
 }
 
 void _LumRegistryAdd(LumRegion *region) {

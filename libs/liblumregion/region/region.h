@@ -207,6 +207,11 @@ void _LumRegionUnref(LumRegion *region);
 void _LumRegistryAdd(LumRegion *region);
 // Clears the slot that holds the handle, if any. Always 0.
 int32_t _LumRegistryRemove(LumRegion *region);
+// The registered region whose reservation holds `address`, or null. The
+// answer stays good while the host keeps that region open; a thread asks
+// the registry's mutex only when the registry changed or the address lies
+// in another region than its last answer.
+LumRegion *_LumRegionHolding(const void *address);
 // Closes every open descriptor of a persistent region; fields keep their values.
 void _LumRegionCloseFiles(LumRegion *region);
 // Unlinks the working files (unless the last sync failed) and, if
