@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "alloc/layout.h"
+#include "common/seeded_items.h"
 #include "lumregion.h"
 
 namespace faults {
@@ -19,62 +20,9 @@ namespace {
 constexpr uint32_t kSlots = 16;
 constexpr uint64_t kSeed = 16;
 
-// slot -> the item's bytes, empty when the slot is free. An item's first 4
-// bytes hold its length, so the image describes itself.
-using Items = std::vector<std::vector<uint8_t>>;
+using namespace seeded;
+constexpr Shape kShape{6, 8, 6000, 300, 48};
 
-enum OpKind { kAllocate, kChange, kFree };
-struct Op {
-    OpKind kind;
-    uint32_t slot;
-    uint32_t at; // kChange: offset inside the item
-    std::vector<uint8_t> bytes;
-};
-
-// The next seeded transaction, applied to the model `items`.
-std::vector<Op> NextTransaction(std::mt19937_64 &random, Items &items) {
-    std::vector<Op> ops;
-    for (uint32_t count = 1 + random() % 6; count > 0; --count) {
-        uint32_t slot = random() % kSlots;
-        std::vector<uint8_t> &item = items[slot];
-        if (item.empty()) {
-            uint32_t length = random() % 8 == 0 ? 4096 + random() % 6000 : 8 + random() % 300;
-            item.resize(length);
-            for (uint8_t &byte : item)
-                byte = static_cast<uint8_t>(random());
-            memcpy(item.data(), &length, 4);
-            ops.push_back({kAllocate, slot, 0, item});
-        } else if (random() % 4 == 0) {
-            item.clear();
-            ops.push_back({kFree, slot, 0, {}});
-        } else {
-            uint32_t at = 4 + random() % (item.size() - 4);
-            uint32_t length = 1 + random() % std::min<uint32_t>(48, item.size() - at);
-            for (uint32_t i = 0; i < length; ++i)
-                item[at + i] = static_cast<uint8_t>(random());
-            ops.push_back({kChange, slot, at,
-                           std::vector<uint8_t>(item.begin() + at, item.begin() + at + length)});
-        }
-    }
-    return ops;
-}
-
-uint64_t Hash(const Items &items) {
-    uint64_t hash = 14695981039346656037ull;
-    auto mix = [&](const void *data, size_t length) {
-        for (size_t i = 0; i < length; ++i)
-            hash = (hash ^ static_cast<const uint8_t *>(data)[i]) * 1099511628211ull;
-    };
-    for (uint32_t slot = 0; slot < kSlots; ++slot) {
-        if (!items[slot].empty()) {
-            mix(&slot, 4);
-            mix(items[slot].data(), items[slot].size());
-        }
-    }
-    return hash;
-}
-
-// The hash table's one key: the first word of an item.
 uint32_t HashWord(LumRegHash *, const void *item, void *) {
     return ImageLoad32(static_cast<const uint8_t *>(item));
 }
@@ -122,7 +70,7 @@ struct Host {
 
     // Applies the next transaction; false when an allocation fails.
     bool Transaction() {
-        for (const Op &op : NextTransaction(random, model)) {
+        for (const Op &op : NextTransaction(random, kShape, model)) {
             uint32_t *slot = Slot(op.slot);
             if (op.kind == kAllocate) {
                 void *item;
@@ -243,42 +191,6 @@ struct Host {
     }
 };
 
-// The items of an image through its item table; nullopt when the table or
-// an item leads outside the image.
-std::optional<Items> ImageItems(const uint8_t *base, uint32_t used, uint32_t root) {
-    Items items(kSlots);
-    if (root == 0 || used < 4 || root > used - 4 * kSlots)
-        return std::nullopt;
-    for (uint32_t slot = 0; slot < kSlots; ++slot) {
-        uint32_t offset = ImageLoad32(base + root + 4 * slot);
-        if (offset == 0)
-            continue;
-        if (offset > used - 4)
-            return std::nullopt;
-        uint32_t length = ImageLoad32(base + offset);
-        if (length < 8 || length > used - offset)
-            return std::nullopt;
-        items[slot].assign(base + offset, base + offset + length);
-    }
-    return items;
-}
-
-// The commit among 0 to `last` whose items equal `items`, newest first;
-// -1 for none.
-int64_t MatchingCommit(const std::optional<Items> &items, int64_t last) {
-    if (!items)
-        return -1;
-    std::mt19937_64 random(kSeed);
-    Items model(kSlots);
-    std::vector<uint64_t> hashes{Hash(model)};
-    for (int64_t number = 1; number <= last; ++number) {
-        NextTransaction(random, model);
-        hashes.push_back(Hash(model));
-    }
-    auto found = std::find(hashes.rbegin(), hashes.rend(), Hash(*items));
-    return found == hashes.rend() ? -1 : hashes.rend() - found - 1;
-}
-
 } // namespace
 
 Outcome *SharedOutcome() {
@@ -322,7 +234,8 @@ void JudgeRegion(const std::string &directory, uint32_t root, int64_t last, Outc
     LumRegionInfo info;
     LumRegionGetInfo(region, &info);
     outcome->recovered =
-        MatchingCommit(ImageItems(static_cast<uint8_t *>(base), info.used, root), last);
+        MatchingCommit(kSeed, kShape, kSlots, last,
+                       ImageItems(static_cast<uint8_t *>(base), info.used, root, kSlots));
 }
 
 } // namespace faults

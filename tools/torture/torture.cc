@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "alloc/layout.h"
+#include "common/seeded_items.h"
 #include "lumregion.h"
 #include "platform/platform.h"
 
@@ -49,60 +50,8 @@ constexpr uint32_t kSlots = 64;
 constexpr uint32_t kLimit = 64u << 20;
 constexpr char kName[] = "t";
 
-// The items of the workload: slot -> bytes (empty when free). An item's
-// first 4 bytes hold its length, so a recovered image describes itself.
-using Items = std::vector<std::vector<uint8_t>>;
-
-enum OpKind { kAllocate, kChange, kFree };
-struct Op {
-    OpKind kind;
-    uint32_t slot;
-    uint32_t at;                // kChange: offset inside the item
-    std::vector<uint8_t> bytes; // kAllocate: the item; kChange: the new bytes
-};
-
-// Transaction `number` of the seeded workload, applied to `items`.
-std::vector<Op> NextTransaction(std::mt19937_64 &random, Items &items) {
-    std::vector<Op> ops;
-    for (uint32_t count = 1 + random() % 8; count > 0; --count) {
-        uint32_t slot = random() % kSlots;
-        std::vector<uint8_t> &item = items[slot];
-        if (item.empty()) {
-            uint32_t length = random() % 16 == 0 ? 4096 + random() % 20000 : 8 + random() % 500;
-            item.resize(length);
-            for (uint8_t &byte : item)
-                byte = static_cast<uint8_t>(random());
-            memcpy(item.data(), &length, 4);
-            ops.push_back({kAllocate, slot, 0, item});
-        } else if (random() % 4 == 0) {
-            item.clear();
-            ops.push_back({kFree, slot, 0, {}});
-        } else {
-            uint32_t at = 4 + random() % (item.size() - 4);
-            uint32_t length = 1 + random() % std::min<uint32_t>(64, item.size() - at);
-            for (uint32_t i = 0; i < length; ++i)
-                item[at + i] = static_cast<uint8_t>(random());
-            ops.push_back({kChange, slot, at,
-                           std::vector<uint8_t>(item.begin() + at, item.begin() + at + length)});
-        }
-    }
-    return ops;
-}
-
-uint64_t Hash(const Items &items) {
-    uint64_t hash = 14695981039346656037ull;
-    auto mix = [&](const void *data, size_t length) {
-        for (size_t i = 0; i < length; ++i)
-            hash = (hash ^ static_cast<const uint8_t *>(data)[i]) * 1099511628211ull;
-    };
-    for (uint32_t slot = 0; slot < kSlots; ++slot) {
-        if (!items[slot].empty()) {
-            mix(&slot, 4);
-            mix(items[slot].data(), items[slot].size());
-        }
-    }
-    return hash;
-}
+using namespace seeded;
+constexpr Shape kShape{8, 16, 20000, 500, 64};
 
 // ---------------------------------------------------------------------------
 // The child: the writer that dies.
@@ -232,7 +181,7 @@ int RunChild(const char *directory, uint64_t seed, int report_fd) {
     std::mt19937_64 random(seed), actions(seed ^ 0x9e3779b97f4a7c15ull);
     Items items(kSlots);
     for (uint32_t number = 1;; ++number) {
-        for (const Op &op : NextTransaction(random, items))
+        for (const Op &op : NextTransaction(random, kShape, items))
             writer.Apply(op);
         LumRegionCommit(writer.region);
         ReportCommit(report_fd, number);
@@ -257,24 +206,6 @@ struct Tally {
     uint32_t runs = 0, lost_commits = 0, runs_with_loss = 0, inconsistent = 0;
     uint32_t faulted = 0, faulted_lost = 0, faulted_refused = 0, open_failures = 0;
 };
-
-// The items of a recovered region through its root table; nullopt when a
-// table entry or an item's length leads outside the image.
-std::optional<Items> RecoveredItems(const uint8_t *base, uint32_t used, uint32_t root) {
-    Items items(kSlots);
-    for (uint32_t slot = 0; slot < kSlots; ++slot) {
-        uint32_t offset = ImageLoad32(base + root + 4 * slot);
-        if (offset == 0)
-            continue;
-        if (offset > used - 4)
-            return std::nullopt;
-        uint32_t length = ImageLoad32(base + offset);
-        if (length < 8 || length > used - offset)
-            return std::nullopt;
-        items[slot].assign(base + offset, base + offset + length);
-    }
-    return items;
-}
 
 // Runs one child to its death and returns the commit numbers it reported.
 std::vector<uint32_t> RunToDeath(const std::string &self, const std::string &directory,
@@ -324,20 +255,6 @@ std::vector<uint32_t> RunToDeath(const std::string &self, const std::string &dir
     return reports;
 }
 
-// The index of the committed state that `items` equal, among the states
-// after commits 0 to last + 1 of the seed's workload; -1 for none.
-int64_t CommittedState(uint64_t seed, uint32_t last, const std::optional<Items> &items) {
-    std::mt19937_64 random(seed);
-    Items model(kSlots);
-    std::vector<uint64_t> hashes{Hash(model)};
-    for (uint32_t number = 1; number <= last + 1; ++number) {
-        NextTransaction(random, model);
-        hashes.push_back(Hash(model));
-    }
-    auto found = items ? std::find(hashes.rbegin(), hashes.rend(), Hash(*items)) : hashes.rend();
-    return found == hashes.rend() ? -1 : hashes.rend() - found - 1;
-}
-
 // Recovers the region of one killed child and counts what was lost. The
 // promise: the last commit reported, or with a failed write the last one
 // reported before it, survives, and the region equals a committed state.
@@ -371,8 +288,9 @@ void Judge(const std::string &directory, uint64_t seed, const std::vector<uint32
     }
     LumRegionInfo info;
     LumRegionGetInfo(region, &info);
-    int64_t recovered = CommittedState(
-        seed, last, RecoveredItems(static_cast<uint8_t *>(base), info.used, reports.front()));
+    int64_t recovered = MatchingCommit(
+        seed, kShape, kSlots, int64_t{last} + 1,
+        ImageItems(static_cast<uint8_t *>(base), info.used, reports.front(), kSlots));
     uint32_t lost = recovered < promised ? static_cast<uint32_t>(promised - recovered) : 0;
     tally->faulted += fault;
     if (recovered < 0) {
