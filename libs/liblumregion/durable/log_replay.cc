@@ -28,16 +28,20 @@ class LogReader {
         : fd_(fd), buffer_(buffer), end_(end) {}
 
     // The head of the next record, or null when fewer than 12 bytes remain.
-    const uint8_t *Head() { return Hold(log_record::kHeadSize) ? buffer_ + offset_ : nullptr; }
-    // True when `size` bytes from the current record on are in the buffer,
-    // after reading the next block from the record's head if they were not.
-    bool Hold(uint32_t size) {
-        if (offset_ + size <= filled_)
-            return true;
-        if (last_ || size > kLogBlock)
-            return false;
-        ReadBlock();
-        return size <= filled_;
+    const uint8_t *Head() { return Hold(log_record::kHeadSize); }
+    // The current record with `size` bytes from its head in the buffer, or
+    // null when the log holds fewer. A record that the block cuts is read
+    // again from its head to the buffer's start, so a pointer from an
+    // earlier Head or Hold is stale afterwards: use the one returned.
+    const uint8_t *Hold(uint32_t size) {
+        if (offset_ + size > filled_) {
+            if (last_ || size > kLogBlock)
+                return nullptr;
+            ReadBlock();
+            if (size > filled_)
+                return nullptr;
+        }
+        return buffer_ + offset_;
     }
     void Skip(uint32_t size) { offset_ += size; }
     // File offset of the current record.
@@ -112,7 +116,7 @@ void _LumLogCheck(RecoveryFile *log, uint8_t *buffer) {
     bool good = true;
     while (const uint8_t *head = reader.Head()) {
         Record record = ReadHead(head);
-        good = Plausible(record, image_size) && reader.Hold(record.Size());
+        good = Plausible(record, image_size) && reader.Hold(record.Size()) != nullptr;
         if (!good)
             break;
         if (record.type == LOG_SIZE) {
@@ -138,11 +142,12 @@ int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise
     uint32_t marked_page = UINT32_MAX; // nothing clears a mark during a replay
     while (const uint8_t *head = reader.Head()) {
         Record record = ReadHead(head);
-        if (!Plausible(record, used) || !reader.Hold(record.Size()))
+        const uint8_t *whole = Plausible(record, used) ? reader.Hold(record.Size()) : nullptr;
+        if (whole == nullptr)
             return LUM_RC_FAILURE;
         if (record.type == LOG_DATA) {
             uint8_t *target = region->base + record.value;
-            const uint8_t *payload = head + log_record::kHeadSize;
+            const uint8_t *payload = whole + log_record::kHeadSize;
             if (record.length <= kShortPayload)
                 CopyShortPayload(target, payload, record.length);
             else
