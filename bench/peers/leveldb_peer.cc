@@ -1,0 +1,25 @@
+// LevelDB in the comparison, through the store it shares with RocksDB.
+#include <leveldb/db.h>
+#include <leveldb/write_batch.h>
+
+#include "lsm_store.h"
+
+namespace {
+
+struct LevelDbApi {
+    static constexpr const char *kName = "leveldb";
+    using DB = leveldb::DB;
+    using Options = leveldb::Options;
+    using ReadOptions = leveldb::ReadOptions;
+    using WriteOptions = leveldb::WriteOptions;
+    using WriteBatch = leveldb::WriteBatch;
+    using Iterator = leveldb::Iterator;
+    using Slice = leveldb::Slice;
+    using Status = leveldb::Status;
+};
+
+} // namespace
+
+int main(int argc, char **argv) {
+    return peers::RunPeer<peers::LsmStore<LevelDbApi>>(argc, argv);
+}
