@@ -56,6 +56,16 @@ struct Patch {
     uint8_t bytes[kPatchSize];
 };
 
+// The run's directory, removed by the process that made it when it exits,
+// also through Fail.
+inline std::string run_directory;
+inline pid_t run_directory_owner = 0;
+inline void RemoveRunDirectory() {
+    std::error_code ignored;
+    if (getpid() == run_directory_owner)
+        std::filesystem::remove_all(run_directory, ignored);
+}
+
 [[noreturn]] inline void Fail(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
@@ -157,27 +167,22 @@ inline Options ParseOptions(int argc, char **argv) {
     return options;
 }
 
-// A fresh directory for the run under the base, removed with what it holds
+// A fresh directory for the run under `base`, removed with what it holds
 // when the run ends; each workload's store gets a fresh directory in it.
-struct RunDirectory {
-    explicit RunDirectory(const std::string &base, const char *store) {
-        std::string pattern = base + "/lumpeers-" + store + "-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr)
-            Fail("cannot make a directory under %s: %s", base.c_str(), strerror(errno));
-        path = pattern;
-    }
-    ~RunDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-    std::string Fresh(const char *workload) const {
-        std::string directory = path + "/" + workload;
-        std::filesystem::remove_all(directory);
-        std::filesystem::create_directory(directory);
-        return directory;
-    }
-    std::string path;
-};
+inline void MakeRunDirectory(const std::string &base, const char *store) {
+    std::string pattern = base + "/lumpeers-" + store + "-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr)
+        Fail("cannot make a directory under %s: %s", base.c_str(), strerror(errno));
+    run_directory = pattern;
+    run_directory_owner = getpid();
+    atexit(RemoveRunDirectory);
+}
+inline std::string FreshDirectory(const char *workload) {
+    std::string directory = run_directory + "/" + workload;
+    std::filesystem::remove_all(directory);
+    std::filesystem::create_directory(directory);
+    return directory;
+}
 
 // Bytes allocated to all files under `directory`, as the file system counts
 // them (holes excluded).
@@ -194,17 +199,38 @@ inline uint64_t BytesOnDisk(const std::string &directory) {
 template <typename S> class Runner {
   public:
     Runner(const Options &options)
-        : options_(options), data_(std::max(options.items, options.insert_items), options.items),
-          run_(options.base, S::kName) {}
+        : options_(options), data_(std::max(options.items, options.insert_items), options.items) {}
 
-    // Recovery first: its writer is a child forked before this process has
-    // started any store's threads.
-    void All() {
-        Recovery();
+    // A child inserts the items, 100 per commit, and kills itself with
+    // SIGKILL after the last commit; the open that follows is timed up to
+    // its first answer. Then the same after a clean close.
+    void Recovery() {
+        std::string directory = FreshDirectory("recovery");
+        uint32_t items = options_.items;
+        fflush(stdout);
+        pid_t child = fork();
+        if (child < 0)
+            Fail("fork: %s", strerror(errno));
+        if (child == 0) {
+            S *store = new S(directory, items); // never closed
+            InsertBatches(*store, items, kPerCommit);
+            kill(getpid(), SIGKILL);
+        }
+        int status = 0;
+        if (waitpid(child, &status, 0) != child || !WIFSIGNALED(status) ||
+            WTERMSIG(status) != SIGKILL)
+            Fail("%s: the writer did not die by SIGKILL (status %d)", S::kName, status);
+        TimedOpen("recover_kill", directory, "the kill");
+        TimedOpen("recover_close", directory, "a clean close");
+        std::filesystem::remove_all(directory);
+    }
+
+    // The other workloads, each on a store of its own.
+    void Work() {
         InsertOnePerCommit();
         std::string directory = InsertManyPerCommit();
         if (options_.insert_items != options_.items) {
-            directory = run_.Fresh("main");
+            directory = FreshDirectory("main");
             S store(directory, options_.items);
             InsertBatches(store, options_.items, kPerCommit);
         }
@@ -256,39 +282,18 @@ template <typename S> class Runner {
         Verify(store, after, items, patched);
     }
 
-    // A child inserts the items, 100 per commit, and kills itself with
-    // SIGKILL after the last commit; the open that follows is timed up to
-    // its first answer. Then the same after a clean close.
-    void Recovery() {
-        std::string directory = run_.Fresh("recovery");
-        uint32_t items = options_.items;
-        fflush(stdout);
-        pid_t child = fork();
-        if (child < 0)
-            Fail("fork: %s", strerror(errno));
-        if (child == 0) {
-            S *store = new S(directory, items); // never closed
-            InsertBatches(*store, items, kPerCommit);
-            kill(getpid(), SIGKILL);
-        }
-        int status = 0;
-        if (waitpid(child, &status, 0) != child || !WIFSIGNALED(status) ||
-            WTERMSIG(status) != SIGKILL)
-            Fail("%s: the writer did not die by SIGKILL (status %d)", S::kName, status);
-        TimedOpen("recover_kill", directory, "the kill");
-        TimedOpen("recover_close", directory, "a clean close");
-    }
     void TimedOpen(const char *workload, const std::string &directory, const char *after) {
         uint64_t start = NowNs();
         S store(directory, options_.items);
         if (store.Get(data_.keys[0]) == nullptr)
             Fail("%s after %s: the first item is missing", S::kName, after);
-        Report(workload, options_.items, double(NowNs() - start) / 1e6, "ms");
+        double elapsed_ms = double(NowNs() - start) / 1e6;
         Verify(store, after, options_.items, false);
+        Report(workload, options_.items, elapsed_ms, "ms");
     }
 
     void InsertOnePerCommit() {
-        std::string directory = run_.Fresh("insert_1");
+        std::string directory = FreshDirectory("insert_1");
         uint32_t items = options_.insert_items;
         {
             S store(directory, items);
@@ -302,7 +307,7 @@ template <typename S> class Runner {
 
     // Returns the directory of the filled store.
     std::string InsertManyPerCommit() {
-        std::string directory = run_.Fresh("insert_100");
+        std::string directory = FreshDirectory("insert_100");
         uint32_t items = options_.insert_items;
         {
             S store(directory, items);
@@ -371,14 +376,31 @@ template <typename S> class Runner {
 
     Options options_;
     Dataset data_;
-    RunDirectory run_;
 };
 
-// The whole run of store S; returns the program's exit code.
+// The whole run of store S; returns the program's exit code. Recovery runs
+// in a child of its own, before this process has started any store's
+// threads (its writer is forked in turn); when it fails, the other
+// workloads still run and the program fails at the end.
 template <typename S> int RunPeer(int argc, char **argv) {
     Options options = ParseOptions(argc, argv);
     Runner<S> runner(options);
-    runner.All();
+    MakeRunDirectory(options.base, S::kName);
+    fflush(stdout);
+    pid_t child = fork();
+    if (child < 0)
+        Fail("fork: %s", strerror(errno));
+    if (child == 0) {
+        runner.Recovery();
+        fflush(stdout);
+        _exit(0);
+    }
+    int status = 0;
+    bool recovered =
+        waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    runner.Work();
+    if (!recovered)
+        Fail("%s: the recovery workloads failed (above)", S::kName);
     return 0;
 }
 
