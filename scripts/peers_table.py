@@ -49,7 +49,8 @@ def main(paths):
             median = statistics.median(values)
             cell = f"{number(median)} ({number(min(values))}-{number(max(values))})"
             if store != OURS and ours_median:
-                cell += f" {median / ours_median:.2g}x"
+                ratio = median / ours_median
+                cell += f" {ratio:.2f}x" if ratio < 10 else f" {ratio:.0f}x"
             cells.append(cell)
         print(f"| {workload} | {items[workload]} | {units[workload]} | " + " | ".join(cells) + " |")
 

@@ -1,7 +1,9 @@
 // The store of LevelDB and of RocksDB, whose interfaces agree in all that
 // the comparison calls: one write batch per transaction, written with the
 // log on and sync off, so that it reaches the log through the operating
-// system unforced. `Api` names the library's types and its name.
+// system unforced. A host that looks up points gives the store a block
+// cache that holds the data and Bloom filters; `Api` names the library's
+// types, its name, and its Tuning, which sets them up and owns them.
 #pragma once
 
 #include <memory>
@@ -16,6 +18,7 @@ template <typename Api> struct LsmStore {
     LsmStore(const std::string &directory, uint32_t) {
         typename Api::Options options;
         options.create_if_missing = true;
+        tuning_.Apply(options);
         typename Api::DB *db = nullptr;
         Check(Api::DB::Open(options, directory, &db), "open");
         db_.reset(db);
@@ -73,6 +76,7 @@ template <typename Api> struct LsmStore {
             Fail("%s: %s: %s", kName, call, status.ToString().c_str());
     }
 
+    typename Api::Tuning tuning_; // outlives the database
     std::unique_ptr<typename Api::DB> db_;
     typename Api::ReadOptions read_;
     typename Api::WriteOptions write_;

@@ -45,6 +45,9 @@ constexpr uint32_t kPerCommit = 100;      // items per transaction but in insert
 constexpr uint32_t kSample = 1000;        // items re-read by each verification
 constexpr uint64_t kSeed = 20;            // the same data for every store
 constexpr uint32_t kLargeItems = 2000000; // the insert workloads with --large
+// The cache given to a store that keeps pages or blocks in one of its own,
+// so that it holds all the data, as the memory-mapped stores do.
+constexpr size_t kCacheBytes = size_t{256} << 20;
 
 struct Key {
     uint8_t bytes[kKeySize];

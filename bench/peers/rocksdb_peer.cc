@@ -1,5 +1,8 @@
 // RocksDB in the comparison, through the store it shares with LevelDB.
+#include <rocksdb/cache.h>
 #include <rocksdb/db.h>
+#include <rocksdb/filter_policy.h>
+#include <rocksdb/table.h>
 #include <rocksdb/write_batch.h>
 
 #include "lsm_store.h"
@@ -16,6 +19,14 @@ struct RocksDbApi {
     using Iterator = rocksdb::Iterator;
     using Slice = rocksdb::Slice;
     using Status = rocksdb::Status;
+    struct Tuning {
+        void Apply(Options &options) {
+            rocksdb::BlockBasedTableOptions table;
+            table.block_cache = rocksdb::NewLRUCache(peers::kCacheBytes);
+            table.filter_policy.reset(rocksdb::NewBloomFilterPolicy(10));
+            options.table_factory.reset(rocksdb::NewBlockBasedTableFactory(table));
+        }
+    };
 };
 
 } // namespace
