@@ -1,8 +1,10 @@
 // SQLite in the comparison: a WITHOUT ROWID table of key and value in
 // write-ahead-log mode with synchronous=OFF, so that a commit reaches the
 // log through the operating system unforced; every statement is prepared
-// once, and the page cache holds all the data. An update rewrites the
-// value's first bytes in SQL.
+// once, and the page cache holds all the data. Lookups share one read
+// transaction, kept open between writes as LMDB's reader is: a statement
+// outside a transaction would begin and end one of its own, with its
+// locks, at each lookup. An update rewrites the value's first bytes in SQL.
 #include <sqlite3.h>
 
 #include "peer_harness.h"
@@ -36,6 +38,7 @@ struct SqliteStore {
         count_ = Prepare("SELECT count(*) FROM kv");
     }
     ~SqliteStore() {
+        EndRead();
         for (sqlite3_stmt *statement :
              {begin_, commit_, insert_, select_, update_, delete_, count_})
             sqlite3_finalize(statement);
@@ -44,7 +47,7 @@ struct SqliteStore {
     }
 
     void Insert(const Key *keys, const Value *values, uint32_t count) {
-        Run(begin_);
+        BeginWrite();
         for (uint32_t i = 0; i < count; ++i) {
             BindKey(insert_, keys[i]);
             sqlite3_bind_blob(insert_, 2, values[i].bytes, kValueSize, SQLITE_STATIC);
@@ -53,6 +56,7 @@ struct SqliteStore {
         Run(commit_);
     }
     const uint8_t *Get(const Key &key) {
+        BeginRead();
         sqlite3_reset(select_);
         BindKey(select_, key);
         int rc = sqlite3_step(select_);
@@ -63,7 +67,7 @@ struct SqliteStore {
         return static_cast<const uint8_t *>(sqlite3_column_blob(select_, 0));
     }
     void Update(const Key *keys, const Patch *patches, uint32_t count) {
-        Run(begin_);
+        BeginWrite();
         for (uint32_t i = 0; i < count; ++i) {
             BindKey(update_, keys[i]);
             sqlite3_bind_blob(update_, 2, patches[i].bytes, kPatchSize, SQLITE_STATIC);
@@ -74,7 +78,7 @@ struct SqliteStore {
         Run(commit_);
     }
     void Erase(const Key *keys, uint32_t count) {
-        Run(begin_);
+        BeginWrite();
         for (uint32_t i = 0; i < count; ++i) {
             BindKey(delete_, keys[i]);
             Run(delete_);
@@ -83,6 +87,7 @@ struct SqliteStore {
         Run(commit_);
     }
     uint64_t Count() {
+        BeginRead();
         sqlite3_reset(count_);
         if (sqlite3_step(count_) != SQLITE_ROW)
             Fail("sqlite: count: %s", sqlite3_errmsg(db_));
@@ -92,6 +97,20 @@ struct SqliteStore {
     }
 
   private:
+    void BeginRead() {
+        if (!reading_)
+            Run(begin_);
+        reading_ = true;
+    }
+    void EndRead() {
+        if (reading_)
+            Run(commit_);
+        reading_ = false;
+    }
+    void BeginWrite() {
+        EndRead();
+        Run(begin_);
+    }
     void Execute(const char *sql) {
         if (sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) != SQLITE_OK)
             Fail("sqlite: %s: %s", sql, sqlite3_errmsg(db_));
@@ -118,6 +137,7 @@ struct SqliteStore {
             Fail("sqlite: %s found no row", what);
     }
 
+    bool reading_ = false; // the read transaction of the lookups is open
     sqlite3 *db_ = nullptr;
     sqlite3_stmt *begin_ = nullptr, *commit_ = nullptr, *insert_ = nullptr, *select_ = nullptr,
                  *update_ = nullptr, *delete_ = nullptr, *count_ = nullptr;
