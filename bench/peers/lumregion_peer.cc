@@ -77,7 +77,8 @@ struct LumRegionStore {
         if (table_ == nullptr)
             Fail("lumregion: the table cannot be %s", exists ? "opened" : "created");
         segment_ = LumRegHashSegment(table_);
-        Commit();
+        if (!exists)
+            Commit();
     }
     ~LumRegionStore() {
         LumRegHashClose(table_);
