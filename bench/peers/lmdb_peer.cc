@@ -8,13 +8,7 @@
 
 namespace {
 
-using peers::Fail;
-using peers::Key;
-using peers::kKeySize;
-using peers::kPatchSize;
-using peers::kValueSize;
-using peers::Patch;
-using peers::Value;
+using namespace peers;
 
 void Check(int rc, const char *call) {
     if (rc != MDB_SUCCESS)

@@ -12,13 +12,7 @@
 
 namespace {
 
-using peers::Fail;
-using peers::Key;
-using peers::kKeySize;
-using peers::kPatchSize;
-using peers::kValueSize;
-using peers::Patch;
-using peers::Value;
+using namespace peers;
 
 constexpr uint32_t kMiB = 1024 * 1024;
 constexpr uint32_t kItemSize = kKeySize + kValueSize; // the key, then the value

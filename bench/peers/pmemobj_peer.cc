@@ -10,13 +10,7 @@
 
 namespace {
 
-using peers::Fail;
-using peers::Key;
-using peers::kKeySize;
-using peers::kPatchSize;
-using peers::kValueSize;
-using peers::Patch;
-using peers::Value;
+using namespace peers;
 
 constexpr char kLayout[] = "lumpeers";
 

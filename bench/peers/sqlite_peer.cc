@@ -11,13 +11,7 @@
 
 namespace {
 
-using peers::Fail;
-using peers::Key;
-using peers::kKeySize;
-using peers::kPatchSize;
-using peers::kValueSize;
-using peers::Patch;
-using peers::Value;
+using namespace peers;
 
 struct SqliteStore {
     static constexpr const char *kName = "sqlite";
