@@ -1,6 +1,5 @@
 // Commit and checkpoint: generations, states and files through a region's
-// life, failures and their generation rule, offline and online, and a writer
-// beside checkpoints whose files must replay to its image.
+// life, failures, offline and online, and a writer beside checkpoints.
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -55,7 +54,6 @@ struct CheckpointHooks {
     lumtest::PlatformGuard guard;
 };
 
-// The texts of the debug reports with `id` among `log`'s.
 Texts Reported(const lumtest::LogCapture &log, uint32_t id) {
     Texts texts;
     for (const auto &record : log.Find(2, id))
@@ -89,7 +87,6 @@ class CheckpointTest : public PersistentTest {
         auto file = File(parity, suffix);
         return file.size() < file_header::kSize ? ~0u : ImageLoad32(&file[at]);
     }
-    // The types of the last `count` records of the log of `parity`.
     Types Tail(int parity, size_t count) const {
         Types types;
         for (const ParsedRecord &record : ParseLog(File(parity, ".log")))
@@ -101,9 +98,8 @@ class CheckpointTest : public PersistentTest {
     LumRegion *region_ = nullptr;
 };
 
-// The first checkpoint stays in generation 0, later ones switch first; a
-// commit during one does not acknowledge it, the next commit does, and the
-// first flush after a switch restarts the log of the new parity.
+// The first checkpoint stays in generation 0, later ones switch first; the
+// first commit after one ends acknowledges it.
 TEST_F(CheckpointTest, GenerationsAlternateThroughCheckpointsAndTheirAcknowledgements) {
     EXPECT_EQ(LumRegionCommit(region_), 0);
     {
@@ -160,8 +156,8 @@ TEST_F(CheckpointTest, GenerationsAlternateThroughCheckpointsAndTheirAcknowledge
     EXPECT_EQ(Tail(0, 9), (Types{LOG_SIZE, LOG_CHECKPOINT, LOG_COMMIT}));
 }
 
-// A failed checkpoint keeps the marks of unwritten pages and, its log being
-// good, retries its own generation in place, also after a switch.
+// A failed checkpoint keeps the marks of unwritten pages and retries its own
+// generation in place, also after a switch.
 TEST_F(CheckpointTest, FailedCheckpointIsReportedKeepsUnwrittenMarksAndRetries) {
     const std::string write_failed = "write failed: written ",
                       enospc = ", pagesize " + std::to_string(Page()) +
@@ -215,8 +211,8 @@ TEST_F(CheckpointTest, FailedCheckpointIsReportedKeepsUnwrittenMarksAndRetries) 
     }
 }
 
-// Offline, checkpoints skip a region whose pages are marked still; online
-// checkpoints them, or fails the log if an offline commit acknowledged none.
+// Online checkpoints an offline region's marks, or fails the log if an
+// offline commit left a checkpoint unacknowledged.
 TEST_F(CheckpointTest, OfflineRegionIsSkippedAndOnlineCheckpointsItOrFailsTheLog) {
     LumRegionCommit(region_);
     LumRegionOffline(region_);
@@ -249,9 +245,8 @@ TEST_F(CheckpointTest, OfflineRegionIsSkippedAndOnlineCheckpointsItOrFailsTheLog
     EXPECT_EQ(LumRegionCheckpoint(scratch), LUM_RC_FAILURE);
 }
 
-// A writer commits in a loop while checkpoint passes run on another thread;
-// a copy of the files, taken as a crash would leave them, recovers the image
-// exactly.
+// The race check: a crash copy taken after a writer and checkpoint passes
+// ran side by side recovers the image exactly.
 TEST_F(CheckpointTest, ConcurrentWriterAndCheckpointsLeaveFilesThatRestoreTheImage) {
     ASSERT_EQ(_LumImageSetSize(region_, 64 * Page()), 0);
     std::atomic<bool> writing{true};
@@ -285,10 +280,8 @@ TEST_F(CheckpointTest, ConcurrentWriterAndCheckpointsLeaveFilesThatRestoreTheIma
     LumRegionClose(recovered);
 }
 
-// A log that fails drops records: the log that the next generation starts
-// says so in its header, whether the failure came from the first checkpoint
-// as the region came online (log 0, the whole history, stays as it was) or
-// from a commit; a later restart without a failure does not.
+// The log that follows a failed one is flagged in its header; log 0, the
+// whole history, stays as it was.
 TEST_F(CheckpointTest, LogRestartedAfterAFailedLogIsMarkedAsFollowingAGap) {
     const std::pair<const char *, std::function<void()>> failures[] = {
         {"the first checkpoint online",

@@ -1,5 +1,4 @@
-// The log buffer and the files it writes: record layout, the first flush of
-// a region, full buffers, oversized changes and the failed state.
+// The log buffer and the log files: layout, full buffers, splits, failed logs.
 #include <algorithm>
 #include <cstring>
 #include <tuple>
@@ -8,7 +7,7 @@
 
 namespace {
 
-// Each record's offset in the file, type, length and value, from `first` on.
+// offset, type, length, value
 using Heads = std::vector<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>>;
 Heads HeadsOf(const std::vector<uint8_t> &file, size_t first = 0) {
     Heads heads;
@@ -20,8 +19,8 @@ Heads HeadsOf(const std::vector<uint8_t> &file, size_t first = 0) {
 
 } // namespace
 
-// The first flush restarts the log with the size, the image so far and the
-// commit; later ones append, each opened by the size, data padded to 4.
+// The first flush writes the size, the image so far and the commit; later ones
+// append, each opened by the size.
 TEST_F(PersistentTest, FirstCommitWritesTheWorkedExampleLogAndLaterOnesAppend) {
     ASSERT_EQ(Page(), 4096u) << "the example is for 4096-byte pages";
     LumRegion *region = CreatePersistent();
@@ -51,8 +50,7 @@ TEST_F(PersistentTest, FirstCommitWritesTheWorkedExampleLogAndLaterOnesAppend) {
     EXPECT_EQ(LumRegionClose(region), 0);
 }
 
-// The buffer holds the largest record named, and at least 128 KiB; a longer
-// change goes in records that fit it and replay the same bytes.
+// The buffer holds the largest record named, at least 128 KiB.
 TEST_F(PersistentTest, OversizedChangeIsSplitIntoRecordsThatFitTheBuffer) {
     const std::pair<uint32_t, uint32_t> rows[] = {
         {0, 131072}, {131000, 131072}, {1048576, 1048596}, {3 * kMiB, 3 * kMiB + 20}};
@@ -79,8 +77,7 @@ TEST_F(PersistentTest, OversizedChangeIsSplitIntoRecordsThatFitTheBuffer) {
     }
 }
 
-// A failed flush fails the log: until the generation moves on, changes are
-// dropped but marked, and commits write nothing.
+// Until the generation moves on, a failed log drops changes but marks them.
 TEST_F(PersistentTest, FailedFlushOrRestartFailsTheLogOfItsGeneration) {
     const struct {
         const char *what;

@@ -1,7 +1,5 @@
-// Recovery on real files: which source an open restores, what it replays
-// and cuts, and what the scan makes of a damaged log. A crash is a copy of
-// the region's files taken while the region is open: what a dead process
-// leaves is what its files hold at that moment.
+// Recovery on real files: the source an open restores, what it replays and
+// cuts, the scan of a damaged log. A crash is a copy of the open region's files.
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -63,8 +61,7 @@ void WriteFile(const std::string &path, const std::vector<uint8_t> &bytes) {
                static_cast<std::streamsize>(bytes.size()));
 }
 
-// A region "p" whose history is one counter in a chunk, and a copy of its
-// files as a crash at some moment leaves them.
+// A region "p" whose history is one counter in a chunk, and crash copies of it.
 struct History {
     History() {
         void *base;
@@ -127,8 +124,6 @@ class RecoveryTest : public PersistentTest {};
 // A word of page 0 behind the region header that nothing else writes.
 constexpr uint32_t kUncommitted = 4000;
 
-// What open restores, by the files that survive: each row builds a history
-// through the API, crashes, damages what it names, and opens the copy.
 TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
     struct Row {
         const char *what;
@@ -237,11 +232,9 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         EXPECT_EQ(history.opened->generation.load(), row.generation);
         EXPECT_EQ(LumRegionVerify(history.opened), 0);
 
-        // The first checkpoint after the open rewrites nothing that the open
-        // needed, though its pages hold a change no commit covers: a crash
-        // after its first page recovers the same state. (A chk file cut by
-        // the open is rewritten in place beside the log that once
-        // acknowledged it; that acknowledgement must be gone.)
+        // A crash after the first page of the next checkpoint, which holds an
+        // uncommitted change, recovers the same state: nothing the open needed
+        // (nor a stale acknowledgement of a chk file it cut) is overwritten.
         LumSegment opened{history.opened, nullptr};
         LumMemLogCpyInt(&opened, history.opened->base + kUncommitted, 99);
         static std::string from, to;
@@ -266,8 +259,6 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
     }
 }
 
-// The scan of a log, on bytes written to a file: where the committed part
-// ends, whether the log ended cleanly, and which acknowledgement counts.
 TEST_F(RecoveryTest, TheScanTrustsALogUpToItsLastCommitBeforeTheFirstBadRecord) {
     struct Row {
         const char *what;
@@ -278,8 +269,7 @@ TEST_F(RecoveryTest, TheScanTrustsALogUpToItsLastCommitBeforeTheFirstBadRecord) 
     const uint64_t none = kNoCheckpoint, head = file_header::kSize;
     Log good = Log().Size().Data(5).Commit();
     Log ack = Log().Size().Record(LOG_CHECKPOINT).Commit();
-    // A block holds kLogBlock bytes from offset 32: the first record below
-    // crosses its end with its payload, the second with its head.
+    // These cross the end of the first read block with the payload, the head.
     Log across = Log().Size().Data(log_record::kMaxPayload - 8).Commit();
     Log head_across = Log().Size().Data(log_record::kMaxPayload - 16).Commit().Commit();
     const Row rows[] = {
@@ -320,10 +310,6 @@ TEST_F(RecoveryTest, TheScanTrustsALogUpToItsLastCommitBeforeTheFirstBadRecord) 
     }
 }
 
-// Every failure inside an open, at every call it makes: the open fails
-// whole (nothing published, every descriptor closed, no leak) or succeeds
-// with the committed state, and once the fault is lifted, the next open of
-// the same files restores the committed state.
 namespace {
 int calls, fail_at;
 // A platform entry whose fail_at-th call fails with kError.
@@ -339,6 +325,8 @@ struct Failing<kEntry, kError> {
 };
 } // namespace
 
+// An open fails whole (nothing published, no descriptor or memory kept) or
+// gives the committed state; the next open of the same files recovers.
 TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
     const std::pair<const char *, void (*)()> faults[] = {
         {"read", [] { lum_platform.pread = Failing<&LumPlatform::pread, EIO>::Call; }},
@@ -364,8 +352,7 @@ TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
                 rc = history.OpenCrash();
                 lum_malloc_fail_at(0);
             }
-            // Every call has failed once when one was not reached (malloc
-            // counts none: its last failure is the last failed open).
+            // Done when the fault was not reached (malloc counts no calls).
             bool reached = calls < 0 ? rc != 0 : calls >= fail_at;
             if (history.opened != nullptr) { // recovered, or verified to a failure of its own
                 EXPECT_EQ(history.Counter(), 2);
@@ -382,10 +369,8 @@ TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
     }
 }
 
-// An image beyond the soft limit waits for a larger one; a directory with
-// no files, or with logs that committed nothing, has nothing to restore, and
-// keeps the working files the probes made. (A region in use is refused with
-// the lifecycle.)
+// A directory with no files, or with logs that committed nothing, has nothing
+// to restore; the probes leave empty working files.
 TEST_F(RecoveryTest, OpenRefusesAnImageTooLargeAndNoFiles) {
     History history;
     history.Step(1);

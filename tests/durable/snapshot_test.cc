@@ -1,5 +1,4 @@
-// Snapshots: what a close leaves when each step of its sync fails, what a
-// drop leaves, and LumRegionSyncAll's checks of its target directory.
+// Snapshots: what a close leaves when a step of its sync fails, and LumRegionSyncAll.
 #include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
@@ -35,10 +34,8 @@ int FailingClose(int fd) {
 
 } // namespace
 
-// When a step of a close's sync fails, fsync and close included, the close
-// reports it (a failed rename excepted), returns its code and keeps the
-// working files and the old snapshot whole: beside the new one after a
-// failed rename, replaced by it when only the directory could not be forced.
+// A failed step keeps the working files and the old snapshot whole: beside the
+// new one after a failed rename, replaced when only the directory fsync failed.
 TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
     const struct {
         const char *what, *open_suffix;
@@ -87,9 +84,8 @@ TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
         ASSERT_EQ(tab.size(), 2 * Page());
         EXPECT_EQ(ImageLoad32(&tab[file_header::kGeneration]), 1u);
         bool written = row.rc == 0 || row.rename || row.fsync == FailingDirectoryFsync;
-        if (row.rename) {
+        if (row.rename)
             EXPECT_EQ(Read("p.tab"), old_tab);
-        }
         EXPECT_EQ(memcmp(&tab[32], written ? &image[32] : &old_tab[32], 2 * Page() - 32), 0);
     }
 }
@@ -101,8 +97,7 @@ class SyncAllTest : public PersistentTest {
     LumRegion *region_ = nullptr;
 };
 
-// Every region is synced into the expanded path, made one level deep; the
-// first failure is the result, and a drop keeps that region's working files.
+// The path is expanded and made one level deep; the first failure is the result.
 TEST_F(SyncAllTest, SyncsEveryRegionIntoTheExpandedPathAndReturnsTheFirstFailure) {
     LumRegion *second = CreatePersistent("q");
     LumRegion *third = CreatePersistent("r");
@@ -135,8 +130,7 @@ TEST_F(SyncAllTest, SyncsEveryRegionIntoTheExpandedPathAndReturnsTheFirstFailure
     EXPECT_EQ(Existing(dir_.path(), "r"), Names{});
 }
 
-// A bad target, one too long for a region's file names too, fails before
-// anything is made or opened.
+// A bad target, also one too long for a region's file names, makes and opens nothing.
 TEST_F(SyncAllTest, BadPathCreatesNothingAndTouchesNoRegion) {
     std::string too_long = dir_.path() + std::string(kPathBufferSize - dir_.path().size() - 9, 'd');
     lumtest::FileFaults faults;

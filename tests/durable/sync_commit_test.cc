@@ -1,13 +1,11 @@
-// Region.SyncCommit: which file each step forces to disk, what a failed
-// force does, and the log state a host reads instead of parsing reports.
+// Region.SyncCommit: which file each step forces, and what a failed force does.
 #include <tuple>
 
 #include "persistent_fixture.h"
 
 namespace {
 
-// The forces the library asks for, by descriptor; the n-th data force (1
-// is the first) or every directory force fails with EIO when asked.
+// The data forces by descriptor; the n-th (from 1) or every directory force fails.
 struct Forces {
     std::vector<int> data;
     int directories = 0;
@@ -47,8 +45,8 @@ class SyncCommitTest : public PersistentTest {
     lumtest::PlatformGuard guard_;
 };
 
-// Off, nothing is forced. On: the directory at create and at open, the log
-// at each commit, and the chk file before the commit that acknowledges it.
+// On: the directory at create and open, the log at each commit, the chk file
+// before the commit that acknowledges it.
 TEST_F(SyncCommitTest, OnForcesEachCommitCheckpointAndNewFileOffForcesNothing) {
     for (int32_t sync : {0, 1}) {
         SCOPED_TRACE(sync);
@@ -75,10 +73,8 @@ TEST_F(SyncCommitTest, OnForcesEachCommitCheckpointAndNewFileOffForcesNothing) {
     }
 }
 
-// Each row fails one force (or, with the property off, one log write) in a
-// region whose last checkpoint was acknowledged, and names what the host
-// then sees: the log state, and whether the next checkpoint is acknowledged
-// by the commit after it (a LOG_CHECKPOINT in the new generation's log).
+// The host sees the log state; the chk file's failed force must keep the next
+// commit from acknowledging its checkpoint.
 TEST_F(SyncCommitTest, AFailedForceFailsItsLogOrItsCheckpointAndTheHostSeesIt) {
     const std::tuple<const char *, int32_t, size_t, bool, bool> rows[] = {
         // what, sync, data force to fail, log failed, checkpoint acknowledged

@@ -1,5 +1,4 @@
-// The durability records of a new handle: each comes from lum_malloc, and the
-// failure of any gives 12 and leaves nothing.
+// The durability records of a new handle, and the header of every file.
 #include <array>
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,8 +21,7 @@ TEST_F(PersistentTest, DurabilityRecordsThatCannotBeHadGiveNoMemory) {
     }
 }
 
-// Both chk files of a new region are empty, so every page of the
-// reservation differs from both: each map is set up to its last bit.
+// Both chk files of a new region are empty: each map is set to its last bit.
 TEST_F(PersistentTest, NewRegionMarksEveryPageOfTheReservationInBothMaps) {
     LumRegion *region = CreatePersistent();
     for (DirtyMap *map : region->dirty_map) {
@@ -34,7 +32,6 @@ TEST_F(PersistentTest, NewRegionMarksEveryPageOfTheReservationInBothMaps) {
     EXPECT_EQ(LumRegionClose(region), 0);
 }
 
-// Every file starts with this header; a short write of it is a failure.
 TEST_F(PersistentTest, FileHeaderHoldsMagicVersionGenerationTimeAndPageSize) {
     int fd = lum_platform.open(Path("h").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
     ASSERT_GT(fd, 0);
