@@ -84,8 +84,9 @@ TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
         ASSERT_EQ(tab.size(), 2 * Page());
         EXPECT_EQ(ImageLoad32(&tab[file_header::kGeneration]), 1u);
         bool written = row.rc == 0 || row.rename || row.fsync == FailingDirectoryFsync;
-        if (row.rename)
+        if (row.rename) {
             EXPECT_EQ(Read("p.tab"), old_tab);
+        }
         EXPECT_EQ(memcmp(&tab[32], written ? &image[32] : &old_tab[32], 2 * Page() - 32), 0);
     }
 }
