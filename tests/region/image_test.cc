@@ -1,5 +1,4 @@
-// The image: limits and their rounding, commit steps, shrinking, the soft
-// limit, and the undoing of a failed creation.
+// The image: limits and their rounding, committing and decommitting, the soft limit.
 #include <algorithm>
 #include <cstring>
 
@@ -8,11 +7,8 @@
 using lumtest::LogCapture;
 using lumtest::VmRecorder;
 
-// A new region's hard limit rounds up to whole MiB and its soft limit up to
-// a page (near 4 GiB, to the last page); the header fills one page and one
-// MiB is committed.
 TEST_F(RegionTest, CreateRoundsTheLimitsAndCommitsOneMiB) {
-    // hard limit asked, soft limit asked, hard limit, soft limit
+    // hard limit asked, soft limit asked, hard limit, soft limit (near 4 GiB, the last page)
     const uint32_t rows[][4] = {{kMiB, kMiB, kMiB, kMiB},
                                 {kMiB + 1, kMiB, 2 * kMiB, kMiB},
                                 {kMiB, 1, kMiB, Page()},
@@ -28,11 +24,8 @@ TEST_F(RegionTest, CreateRoundsTheLimitsAndCommitsOneMiB) {
     }
 }
 
-// A size rounds up to a page and may reach the soft limit but not pass it
-// (a refusal that is reported). The committed range follows in whole MiB,
-// through one platform call and only when it must move, and never past the
-// reservation. A failed commit changes nothing and is not reported; a failed
-// decommit is reported and the shrink goes on.
+// The committed range follows in whole MiB through one platform call, only when
+// it must move. A failed commit changes nothing; a failed decommit is reported.
 TEST_F(RegionTest, SetSizeMovesTheCommittedRangeInWholeMiB) {
     struct Row {
         const char *what;
@@ -86,8 +79,7 @@ TEST_F(RegionTest, SetSizeMovesTheCommittedRangeInWholeMiB) {
     }
 }
 
-// A failed reservation makes no handle and leaves nothing behind (the asan
-// preset checks for leaks).
+// Nothing is left behind (the asan preset checks for leaks).
 TEST_F(RegionTest, FailedReservationMakesNoHandle) {
     lumtest::PlatformGuard guard;
     lum_platform.reserve = [](size_t) -> void * { return nullptr; };
@@ -97,8 +89,7 @@ TEST_F(RegionTest, FailedReservationMakesNoHandle) {
     EXPECT_EQ(region, nullptr);
 }
 
-// The soft limit may be set from the used size up to the hard limit; an
-// unrounded one stops sizes at its last whole page.
+// An unrounded soft limit stops sizes at its last whole page.
 TEST_F(RegionTest, SetSoftLimitAcceptsBothBoundsAndRefusesBeyond) {
     LumRegion *region = Create(4 * kMiB, 2 * kMiB);
     ASSERT_EQ(LumRegionSetSoftLimit(region, 3 * Page() - 1), 0);
