@@ -1,5 +1,4 @@
 // The log buffer and the log files: layout, full buffers, splits, failed logs.
-#include <algorithm>
 #include <cstring>
 #include <tuple>
 

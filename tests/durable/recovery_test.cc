@@ -1,7 +1,6 @@
 // Recovery on real files: the source an open restores, what it replays and
 // cuts, the scan of a damaged log. A crash is a copy of the open region's files.
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 

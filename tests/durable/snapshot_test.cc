@@ -1,6 +1,5 @@
 // Snapshots: what a close leaves when a step of its sync fails, and LumRegionSyncAll.
 #include <cstring>
-#include <filesystem>
 #include <sys/stat.h>
 
 #include "persistent_fixture.h"
@@ -91,17 +90,22 @@ TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
     }
 }
 
-class SyncAllTest : public PersistentTest {
-  protected:
-    void SetUp() override { region_ = CreatePersistent(); }
-    void TearDown() override { EXPECT_EQ(LumRegionDrop(region_), 0); }
-    LumRegion *region_ = nullptr;
-};
-
-// The path is expanded and made one level deep; the first failure is the result.
-TEST_F(SyncAllTest, SyncsEveryRegionIntoTheExpandedPathAndReturnsTheFirstFailure) {
-    LumRegion *second = CreatePersistent("q");
-    LumRegion *third = CreatePersistent("r");
+// Bad targets make and open nothing; a good one is expanded and made one
+// level deep, and the first failure is the result.
+TEST_F(PersistentTest, SyncAllSyncsEveryRegionIntoTheExpandedPathAndReturnsTheFirstFailure) {
+    LumRegion *regions[] = {CreatePersistent(), CreatePersistent("q"), CreatePersistent("r")};
+    std::string too_long = dir_.path() + std::string(kPathBufferSize - dir_.path().size() - 9, 'd');
+    {
+        lumtest::FileFaults faults;
+        EXPECT_EQ(LumRegionSyncAll(too_long.c_str()), LUM_RC_BAD_PATH);
+        EXPECT_FALSE(std::filesystem::exists(too_long));
+        EXPECT_EQ(LumRegionSyncAll(""), ENOENT) << "an empty path fails as a missing one does";
+        EXPECT_EQ(LumRegionSyncAll("\xff\xfe"), EILSEQ);
+        EXPECT_EQ(LumRegionSyncAll(nullptr), LUM_RC_FAILURE);
+        EXPECT_EQ(std::make_pair(faults.opens, regions[0]->sync_failed), std::make_pair(0, 0));
+        EXPECT_EQ(_LumRegionSync(regions[0], (too_long + "/").c_str()), LUM_RC_BAD_PATH);
+        EXPECT_EQ(std::make_pair(faults.opens, regions[0]->sync_failed), std::make_pair(0, 1));
+    }
     setenv("LUM_SYNC_TEST_DIR", dir_.path().c_str(), 1);
     {
         lumtest::FileFaults faults;
@@ -109,10 +113,11 @@ TEST_F(SyncAllTest, SyncsEveryRegionIntoTheExpandedPathAndReturnsTheFirstFailure
         EXPECT_EQ(LumRegionSyncAll("${LUM_SYNC_TEST_DIR}all"), EACCES);
     }
     unsetenv("LUM_SYNC_TEST_DIR");
-    EXPECT_EQ(Read("all/p.tab").size(), region_->used);
+    EXPECT_EQ(Read("all/p.tab").size(), regions[0]->used);
     EXPECT_EQ(std::make_pair(Exists("all/q.tab"), Exists("all/r.tab")),
               std::make_pair(false, true));
-    EXPECT_EQ(std::make_pair(second->sync_failed, third->sync_failed), std::make_pair(1, 0));
+    EXPECT_EQ(std::make_pair(regions[1]->sync_failed, regions[2]->sync_failed),
+              std::make_pair(1, 0));
     EXPECT_FALSE(Exists("p.tab")) << "the region's own snapshot is not touched";
     EXPECT_EQ(LumRegionSyncAll((dir_.path() + "missing/twice").c_str()), ENOENT);
     EXPECT_EQ(LumRegionSyncAll((std::string(region_home) + "//").c_str()), LUM_RC_BAD_PATH);
@@ -124,23 +129,9 @@ TEST_F(SyncAllTest, SyncsEveryRegionIntoTheExpandedPathAndReturnsTheFirstFailure
         EXPECT_STREQ(stripped, expected) << "trailing separators go, the first character stays";
         lum_free(stripped);
     }
-    EXPECT_EQ(LumRegionDrop(second), 0);
-    EXPECT_EQ(LumRegionDrop(third), 0);
+    for (LumRegion *region : regions)
+        EXPECT_EQ(LumRegionDrop(region), 0);
     EXPECT_EQ(Existing(dir_.path(), "q"), (Names{"q_0.chk", "q_1.chk", "q_0.log", "q_1.log"}))
         << "a drop after a failed sync keeps the working files";
     EXPECT_EQ(Existing(dir_.path(), "r"), Names{});
-}
-
-// A bad target, also one too long for a region's file names, makes and opens nothing.
-TEST_F(SyncAllTest, BadPathCreatesNothingAndTouchesNoRegion) {
-    std::string too_long = dir_.path() + std::string(kPathBufferSize - dir_.path().size() - 9, 'd');
-    lumtest::FileFaults faults;
-    EXPECT_EQ(LumRegionSyncAll(too_long.c_str()), LUM_RC_BAD_PATH);
-    EXPECT_FALSE(std::filesystem::exists(too_long));
-    EXPECT_EQ(LumRegionSyncAll(""), ENOENT) << "an empty path fails as a missing one does";
-    EXPECT_EQ(LumRegionSyncAll("\xff\xfe"), EILSEQ);
-    EXPECT_EQ(LumRegionSyncAll(nullptr), LUM_RC_FAILURE);
-    EXPECT_EQ(std::make_pair(faults.opens, region_->sync_failed), std::make_pair(0, 0));
-    EXPECT_EQ(_LumRegionSync(region_, (too_long + "/").c_str()), LUM_RC_BAD_PATH);
-    EXPECT_EQ(std::make_pair(faults.opens, region_->sync_failed), std::make_pair(0, 1));
 }

@@ -1,25 +1,9 @@
-// The durability records of a new handle, and the header of every file.
+// The dirty maps of a new region, and the header of every file.
 #include <array>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "persistent_fixture.h"
-
-TEST_F(PersistentTest, DurabilityRecordsThatCannotBeHadGiveNoMemory) {
-    for (uint32_t nth = 1;; ++nth) {
-        lumtest::MallocFailure failure(nth);
-        LumRegion *region = reinterpret_cast<LumRegion *>(1);
-        int32_t rc = _LumImageCreate("p", LUM_REGION_PERSISTENT, kMiB, kMiB, 0, 0,
-                                     dir_.path().c_str(), &region);
-        if (rc == 0) {
-            EXPECT_GE(nth, 8u) << "handle, mutex, two maps, buffer record and data, mutex";
-            _LumImageDestroy(region);
-            break;
-        }
-        EXPECT_EQ(rc, LUM_RC_NO_MEMORY) << nth;
-        EXPECT_EQ(region, nullptr) << nth;
-    }
-}
 
 // Both chk files of a new region are empty: each map is set to its last bit.
 TEST_F(PersistentTest, NewRegionMarksEveryPageOfTheReservationInBothMaps) {

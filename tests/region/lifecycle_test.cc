@@ -1,8 +1,6 @@
 // Creating, inspecting, closing and dropping regions.
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <string>
 #include <string_view>
 
 #include "persistent_fixture.h"
