@@ -216,8 +216,9 @@ TEST_F(CheckpointTest, FailedCheckpointIsReportedKeepsUnwrittenMarksAndRetries) 
     }
 }
 
-// Online checkpoints an offline region's marks, or fails the log if an
-// offline commit left a checkpoint unacknowledged.
+// Online checkpoints an offline region's marks, or fails the log if an offline
+// commit left a checkpoint unacknowledged; the next log is flagged as following
+// a gap, and log 0, the whole history, stays as it was.
 TEST_F(CheckpointTest, OfflineRegionIsSkippedAndOnlineCheckpointsItOrFailsTheLog) {
     LumRegionCommit(region_);
     LumRegionOffline(region_);
@@ -226,7 +227,7 @@ TEST_F(CheckpointTest, OfflineRegionIsSkippedAndOnlineCheckpointsItOrFailsTheLog
     _LumCheckpointPass();
     EXPECT_EQ(LumRegionCheckpoint(region_), LUM_RC_FAILURE);
     EXPECT_TRUE(File(0, ".chk").empty());
-    auto log_size = File(0, ".log").size();
+    auto history = File(0, ".log");
     LumRegionOnline(region_);
     EXPECT_EQ(Of(region_), (Generations{0, 1, 0, D}));
     EXPECT_EQ(File(0, ".chk").size(), 4 * Page());
@@ -242,8 +243,17 @@ TEST_F(CheckpointTest, OfflineRegionIsSkippedAndOnlineCheckpointsItOrFailsTheLog
     EXPECT_EQ(std::make_pair(region_->online.load(), region_->log_failed.load()),
               std::make_pair(1, 1u));
     EXPECT_EQ(LumRegionCommit(region_), 0);
-    EXPECT_EQ(File(0, ".log").size(), log_size) << "online, offline and failed, nothing is logged";
     EXPECT_EQ(Of(region_), (Generations{0, 1, 0, A})) << "on past log 0, the whole history";
+    CheckpointAndCommit();
+    EXPECT_EQ(Of(region_), (Generations{1, 2, 1, A}));
+    EXPECT_EQ(File(0, ".log"), history) << "online, offline and failed, nothing is logged";
+    EXPECT_EQ(std::make_pair(Word(1, ".log"), Word(1, ".chk")), std::make_pair(1u, 1u));
+    EXPECT_EQ(Tail(1, 2), (Types{LOG_CHECKPOINT, LOG_COMMIT}));
+    EXPECT_EQ(File(1, ".log").at(file_header::kFlags), file_header::kFollowsGap);
+    CheckpointAndCommit();
+    EXPECT_EQ(std::make_pair(Word(0, ".log"), File(0, ".log").at(file_header::kFlags)),
+              std::make_pair(2u, uint8_t{0}))
+        << "a restart without a failure marks no gap";
 
     LumRegion *scratch = Create(kMiB, kMiB);
     _LumImageMarkDirty(scratch, scratch->base, 10); // no maps, no buffer: must not touch them
@@ -283,45 +293,4 @@ TEST_F(CheckpointTest, ConcurrentWriterAndCheckpointsLeaveFilesThatRestoreTheIma
     ASSERT_EQ(recovered->used.load(), region_->used.load());
     EXPECT_EQ(memcmp(recovered->base + 32, region_->base + 32, region_->used.load() - 32), 0);
     LumRegionClose(recovered);
-}
-
-// The log that follows a failed one is flagged in its header; log 0, the
-// whole history, stays as it was.
-TEST_F(CheckpointTest, LogRestartedAfterAFailedLogIsMarkedAsFollowingAGap) {
-    const std::pair<const char *, std::function<void()>> failures[] = {
-        {"the first checkpoint online",
-         [&] {
-             Change(region_, Page() + 8, 4, 7);
-             LumRegionCommit(region_);
-             LumRegionOffline(region_);
-             lumtest::FileFaults faults;
-             faults.fail_write_at = 1; // the chk file's header
-             LumRegionOnline(region_);
-         }},
-        {"a commit",
-         [&] {
-             CheckpointAndCommit();
-             lumtest::FileFaults faults;
-             faults.fail_write_at = 1;
-             Change(region_, Page() + 8, 4, 7);
-             LumRegionCommit(region_);
-         }},
-    };
-    auto flags = [&](int parity) { return File(parity, ".log").at(file_header::kFlags); };
-    for (const auto &[what, fail] : failures) {
-        SCOPED_TRACE(what);
-        Renew();
-        fail();
-        EXPECT_EQ(region_->log_failed.load(), 1u);
-        auto history = File(0, ".log");
-        ASSERT_GT(ParseLog(history).size(), 2u);
-        CheckpointAndCommit();
-        EXPECT_EQ(Of(region_), (Generations{1, 2, 1, A}));
-        EXPECT_EQ(File(0, ".log"), history);
-        EXPECT_EQ(std::make_pair(Word(1, ".log"), Word(1, ".chk")), std::make_pair(1u, 1u));
-        EXPECT_EQ(Tail(1, 2), (Types{LOG_CHECKPOINT, LOG_COMMIT}));
-        EXPECT_EQ(flags(1), file_header::kFollowsGap);
-        CheckpointAndCommit();
-        EXPECT_EQ(std::make_pair(Word(0, ".log"), flags(0)), std::make_pair(2u, uint8_t{0}));
-    }
 }
