@@ -79,16 +79,6 @@ TEST_F(RegionTest, SetSizeMovesTheCommittedRangeInWholeMiB) {
     }
 }
 
-// Nothing is left behind (the asan preset checks for leaks).
-TEST_F(RegionTest, FailedReservationMakesNoHandle) {
-    lumtest::PlatformGuard guard;
-    lum_platform.reserve = [](size_t) -> void * { return nullptr; };
-    LumRegion *region = reinterpret_cast<LumRegion *>(1);
-    EXPECT_EQ(_LumImageCreate("fail", LUM_REGION_VOLATILE, kMiB, kMiB, 0, 0, nullptr, &region),
-              LUM_RC_RESERVE);
-    EXPECT_EQ(region, nullptr);
-}
-
 // An unrounded soft limit stops sizes at its last whole page.
 TEST_F(RegionTest, SetSoftLimitAcceptsBothBoundsAndRefusesBeyond) {
     LumRegion *region = Create(4 * kMiB, 2 * kMiB);

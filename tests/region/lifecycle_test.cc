@@ -113,6 +113,10 @@ TEST(RegionCreate, BadArgumentsAreRefusedBeforeAnythingIsMade) {
         EXPECT_EQ(rc, LUM_RC_FAILURE);
     EXPECT_EQ(LumRegionGetUsedBytes(nullptr), 0u);
     LumRegionGetInfo(nullptr, nullptr);
+    lumtest::PlatformGuard guard; // a failed reservation leaves nothing (asan checks for leaks)
+    lum_platform.reserve = [](size_t) -> void * { return nullptr; };
+    EXPECT_EQ(CreateNamed("v", LUM_REGION_VOLATILE, nullptr, &region), LUM_RC_RESERVE);
+    EXPECT_TRUE(RegistryIsEmpty());
 }
 
 // A name in use is refused without a change to its files. After the close a
