@@ -7,6 +7,7 @@
 #include <functional>
 #include <random>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "persistent_fixture.h"
@@ -167,47 +168,44 @@ TEST_F(CheckpointTest, FailedCheckpointIsReportedKeepsUnwrittenMarksAndRetries) 
     const std::string write_failed = "write failed: written ",
                       enospc = ", pagesize " + std::to_string(Page()) +
                                ", errno 28 (No space left on device)";
-    const struct {
-        const char *name;
-        bool switching, fail_ftruncate;
-        int fail_write_at, barrier_result;
-        uint32_t id, marks; // marks: of pages 0 to 3 after the failure, one bit each
-        std::string report;
-        size_t chk_size;
-    } rows[] = {
-        {"header", false, false, 1, 0, 6, 0xF, "failed to write file header", 0},
-        {"switching header", true, false, 1, 0, 6, 0xF, "failed to write file header", 0},
-        {"page 0", false, false, 2, 0, 7, 0xF, write_failed + "31" + enospc, 32},
-        {"page 1", false, false, 3, 0, 7, 0xE, write_failed + "-1" + enospc, Page()},
-        {"barrier", false, false, 0, EPERM, 30, 0xF,
-         "write barrier failed: Operation not permitted", 32},
-        {"truncate", false, true, 0, 0, 8, 0,
-         "couldn't truncate after chkpting: ftruncate(): Input/output error", 4 * Page()},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
+    // what, switching, failing truncate, failing write, barrier's result, report id,
+    // marks (of pages 0 to 3 after the failure, one bit each), report, chk file's size
+    const std::tuple<const char *, bool, bool, int, int, uint32_t, uint32_t, std::string, size_t>
+        rows[] = {
+            {"header", false, false, 1, 0, 6, 0xF, "failed to write file header", 0},
+            {"switching header", true, false, 1, 0, 6, 0xF, "failed to write file header", 0},
+            {"page 0", false, false, 2, 0, 7, 0xF, write_failed + "31" + enospc, 32},
+            {"page 1", false, false, 3, 0, 7, 0xE, write_failed + "-1" + enospc, Page()},
+            {"barrier", false, false, 0, EPERM, 30, 0xF,
+             "write barrier failed: Operation not permitted", 32},
+            {"truncate", false, true, 0, 0, 8, 0,
+             "couldn't truncate after chkpting: ftruncate(): Input/output error", 4 * Page()},
+        };
+    for (const auto &[what, switching, fail_ftruncate, fail_write_at, barrier_result, id, marks,
+                      report, chk_size] : rows) {
+        SCOPED_TRACE(what);
         Renew();
         LumRegionCommit(region_);
-        if (row.switching)
+        if (switching)
             CheckpointAndCommit(); // generation 0 acknowledged; the next switches to 1
-        int parity = row.switching ? 1 : 0;
+        int parity = switching ? 1 : 0;
         {
             lumtest::LogCapture log;
             LumDebugFacilitySet("region", 1);
-            CheckpointHooks hooks(region_, parity, {}, row.barrier_result);
+            CheckpointHooks hooks(region_, parity, {}, barrier_result);
             lumtest::FileFaults faults;
-            faults.fail_write_at = row.fail_write_at;
-            faults.fail_ftruncate = row.fail_ftruncate;
+            faults.fail_write_at = fail_write_at;
+            faults.fail_ftruncate = fail_ftruncate;
             EXPECT_EQ(LumRegionCheckpoint(region_), LUM_RC_FAILURE);
             LumDebugFacilitySet("region", 0);
-            EXPECT_EQ(hooks.barriers, row.fail_write_at == 1 ? 0 : 1);
-            EXPECT_EQ(Reported(log, row.id), Texts{"_LumRegionCheckpoint(): " + row.report});
+            EXPECT_EQ(hooks.barriers, fail_write_at == 1 ? 0 : 1);
+            EXPECT_EQ(Reported(log, id), Texts{"_LumRegionCheckpoint(): " + report});
         }
-        Generations after = row.switching ? Generations{1, 1, 0, A} : Generations{0, 0, 0, A};
+        Generations after = switching ? Generations{1, 1, 0, A} : Generations{0, 0, 0, A};
         EXPECT_EQ(Of(region_), after);
-        EXPECT_EQ(File(parity, ".chk").size(), row.chk_size);
+        EXPECT_EQ(File(parity, ".chk").size(), chk_size);
         for (uint32_t page = 0; page < 4; ++page)
-            EXPECT_EQ(_LumDirtyMapTest(region_->dirty_map[parity], page), row.marks >> page & 1)
+            EXPECT_EQ(_LumDirtyMapTest(region_->dirty_map[parity], page), marks >> page & 1)
                 << page;
         ASSERT_EQ(LumRegionCheckpoint(region_), 0);
         EXPECT_EQ(Word(parity, ".chk"), after[1]) << "the retry";

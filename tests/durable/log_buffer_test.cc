@@ -78,31 +78,26 @@ TEST_F(PersistentTest, OversizedChangeIsSplitIntoRecordsThatFitTheBuffer) {
 
 // Until the generation moves on, a failed log drops changes but marks them.
 TEST_F(PersistentTest, FailedFlushOrRestartFailsTheLogOfItsGeneration) {
-    const struct {
-        const char *what;
-        uint32_t generation; // 2 restarts the log of parity 0
-        int write_at;
-        bool ftruncate;
-        std::string error;
-        bool short_write = false; // which sets no errno
-    } rows[] = {
-        {"write", 0, 1, false, "No space left on device"},
-        {"zap: truncate", 2, 0, true, "Input/output error"},
-        {"zap: header", 2, 1, false, "No space left on device"},
-        {"zap: short header", 2, 1, false, "Input/output error", true},
+    // what, generation (2 restarts the log of parity 0), write to fail, failed
+    // truncate, short write (which sets no errno), the reported error
+    const std::tuple<const char *, uint32_t, int, bool, bool, const char *> rows[] = {
+        {"write", 0, 1, false, false, "No space left on device"},
+        {"zap: truncate", 2, 0, true, false, "Input/output error"},
+        {"zap: header", 2, 1, false, false, "No space left on device"},
+        {"zap: short header", 2, 1, false, true, "Input/output error"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
+    for (auto [what, generation, write_at, ftruncate, short_write, error] : rows) {
+        SCOPED_TRACE(what);
         LumRegion *region = CreatePersistent();
         Commit(region);
         _LumDirtyMapFill(region, 0, 0);
-        region->generation = row.generation;
+        region->generation = generation;
         Change(region, 100, 4, 1);
         {
             lumtest::FileFaults faults;
-            faults.fail_write_at = row.write_at;
-            faults.fail_ftruncate = row.ftruncate;
-            faults.short_write = row.short_write;
+            faults.fail_write_at = write_at;
+            faults.fail_ftruncate = ftruncate;
+            faults.short_write = short_write;
             lumtest::LogCapture log;
             LumDebugFacilitySet("region", 1);
             errno = 0;
@@ -111,19 +106,18 @@ TEST_F(PersistentTest, FailedFlushOrRestartFailsTheLogOfItsGeneration) {
             auto reports = log.Find(2, 1);
             ASSERT_EQ(reports.size(), 1u);
             EXPECT_EQ(reports[0].severity, 4);
-            EXPECT_EQ(reports[0].text, "Logging failed: \"p\": " + row.error);
-            EXPECT_EQ(log.Find(2, 5).size(), row.ftruncate ? 1u : 0u) << "failed to zap log 0";
+            EXPECT_EQ(reports[0].text, std::string("Logging failed: \"p\": ") + error);
+            EXPECT_EQ(log.Find(2, 5).size(), ftruncate ? 1u : 0u) << "failed to zap log 0";
         }
         EXPECT_EQ(std::make_tuple(region->log_failed.load(), region->flushed_generation.load(),
                                   region->log_buffer->used),
-                  std::make_tuple(1u, row.generation, 0u));
+                  std::make_tuple(1u, generation, 0u));
         auto failed = Read("p_0.log");
         Change(region, 104, 4, 2);
         EXPECT_EQ(region->log_buffer->used, 0u);
         EXPECT_TRUE(_LumDirtyMapTest(region->dirty_map[0], 0)) << "dropped, but marked";
         Commit(region);
         EXPECT_EQ(Read("p_0.log"), failed);
-
         EXPECT_EQ(LumRegionClose(region), 0);
     }
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
+#include <tuple>
 
 #include "durable/recovery.h"
 #include "persistent_fixture.h"
@@ -124,14 +125,10 @@ class RecoveryTest : public PersistentTest {};
 constexpr uint32_t kUncommitted = 4000;
 
 TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
-    struct Row {
-        const char *what;
-        std::function<void(History &)> build; // then a crash, unless build made one
-        int32_t rc;
-        uint32_t restoring_id; // 15 tab, 16 chk, 17 logs
-        int32_t counter;
-        uint32_t generation;
-    };
+    // what, build (then a crash, unless build made one), rc, restoring report
+    // (15 tab, 16 chk, 17 logs), counter, generation
+    using Row = std::tuple<const char *, std::function<void(History &)>, int32_t, uint32_t, int32_t,
+                           uint32_t>;
     auto copy_chk1_as_tab = [](History &h, uint32_t generation, int32_t age) {
         h.Crash();
         fs::copy_file(h.Crashed("_1.chk"), h.Crashed(".tab"), fs::copy_options::overwrite_existing);
@@ -214,21 +211,21 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
          },
          LUM_RC_BAD_FILES, 0, 0, 0},
     };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto &[what, build, rc, restoring_id, counter, generation] : rows) {
+        SCOPED_TRACE(what);
         History history;
-        row.build(history);
+        build(history);
         if (!fs::exists(history.Crashed("_0.chk")))
             history.Crash();
         lumtest::LogCapture log;
-        ASSERT_EQ(history.OpenCrash(), row.rc);
-        if (row.rc != 0) {
+        ASSERT_EQ(history.OpenCrash(), rc);
+        if (rc != 0) {
             EXPECT_EQ(history.opened, nullptr);
             continue;
         }
-        EXPECT_EQ(log.Find(kSetReport, row.restoring_id).size(), 1u);
-        EXPECT_EQ(history.Counter(), row.counter);
-        EXPECT_EQ(history.opened->generation.load(), row.generation);
+        EXPECT_EQ(log.Find(kSetReport, restoring_id).size(), 1u);
+        EXPECT_EQ(history.Counter(), counter);
+        EXPECT_EQ(history.opened->generation.load(), generation);
         EXPECT_EQ(LumRegionVerify(history.opened), 0);
 
         // A crash after the first page of the next checkpoint, which holds an
@@ -252,7 +249,7 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         void *base;
         ASSERT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, to.c_str(), &again, &base), 0);
         EXPECT_EQ(ImageLoad32(again->base + history.counter_offset),
-                  static_cast<uint32_t>(row.counter));
+                  static_cast<uint32_t>(counter));
         EXPECT_EQ(ImageLoad32(again->base + kUncommitted), 0u);
         LumRegionClose(again);
     }

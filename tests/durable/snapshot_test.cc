@@ -1,5 +1,6 @@
 // Snapshots: what a close leaves when a step of its sync fails, and LumRegionSyncAll.
 #include <cstring>
+#include <tuple>
 #include <sys/stat.h>
 
 #include "persistent_fixture.h"
@@ -36,26 +37,22 @@ int FailingClose(int fd) {
 // A failed step keeps the working files and the old snapshot whole: beside the
 // new one after a failed rename, replaced when only the directory fsync failed.
 TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
-    const struct {
-        const char *what, *open_suffix;
-        int write_at;
-        bool short_write, rename;
-        int (*fsync)(int), (*close)(int);
-        int32_t rc;
-        uint32_t report;
-    } rows[] = {
-        {"none", "", 0, false, false, nullptr, nullptr, 0, 0},
-        {"open", ".tabnew", 0, false, false, nullptr, nullptr, EACCES, 21},
-        {"header", "", 1, false, false, nullptr, nullptr, ENOSPC, 22},
-        {"body", "", 2, false, false, nullptr, nullptr, ENOSPC, 23},
-        {"short body without errno", "", 2, true, false, nullptr, nullptr, LUM_RC_FAILURE, 23},
-        {"fsync", "", 0, false, false, FailingFsync, nullptr, EIO, 23},
-        {"close", "", 0, false, false, nullptr, FailingClose, EIO, 23},
-        {"rename", "", 0, false, true, nullptr, nullptr, EXDEV, 0},
-        {"directory", "", 0, false, false, FailingDirectoryFsync, nullptr, EIO, 31},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
+    using Fails = int (*)(int);
+    // what, failing open, failing write, short write, failing rename, fsync, close, rc, report
+    const std::tuple<const char *, const char *, int, bool, bool, Fails, Fails, int32_t, uint32_t>
+        rows[] = {
+            {"none", "", 0, false, false, nullptr, nullptr, 0, 0},
+            {"open", ".tabnew", 0, false, false, nullptr, nullptr, EACCES, 21},
+            {"header", "", 1, false, false, nullptr, nullptr, ENOSPC, 22},
+            {"body", "", 2, false, false, nullptr, nullptr, ENOSPC, 23},
+            {"short body without errno", "", 2, true, false, nullptr, nullptr, LUM_RC_FAILURE, 23},
+            {"fsync", "", 0, false, false, FailingFsync, nullptr, EIO, 23},
+            {"close", "", 0, false, false, nullptr, FailingClose, EIO, 23},
+            {"rename", "", 0, false, true, nullptr, nullptr, EXDEV, 0},
+            {"directory", "", 0, false, false, FailingDirectoryFsync, nullptr, EIO, 31},
+        };
+    for (auto [what, open_suffix, write_at, short_write, rename, fsync, close, rc, report] : rows) {
+        SCOPED_TRACE(what);
         LumRegion *region = CreatePersistent();
         ASSERT_EQ(_LumImageSetSize(region, 2 * Page()), 0);
         ASSERT_EQ(_LumRegionSync(region, dir_.path().c_str()), 0);
@@ -63,27 +60,27 @@ TEST_F(PersistentTest, CloseKeepsTheWorkingFilesWhenAnyStepOfItsSyncFails) {
         Change(region, Page(), 64, 0x77);
         std::vector<uint8_t> image(region->base, region->base + region->used);
         lumtest::FileFaults faults;
-        faults.fail_open_suffix = row.open_suffix;
-        faults.fail_write_at = row.write_at;
-        faults.short_write = row.short_write;
-        faults.fail_rename = row.rename;
-        lum_platform.fsync = row.fsync ? row.fsync : lum_platform.fsync;
-        lum_platform.close = row.close ? row.close : lum_platform.close;
+        faults.fail_open_suffix = open_suffix;
+        faults.fail_write_at = write_at;
+        faults.short_write = short_write;
+        faults.fail_rename = rename;
+        lum_platform.fsync = fsync ? fsync : lum_platform.fsync;
+        lum_platform.close = close ? close : lum_platform.close;
         lumtest::LogCapture log;
         errno = 0;
-        EXPECT_EQ(LumRegionClose(region), row.rc);
-        EXPECT_EQ(log.Records().size(), row.report ? 1u : 0u);
-        EXPECT_EQ(log.Find(2, row.report).size(), row.report ? 1u : 0u);
-        Names left = row.rc == 0 ? Names{} : kWorkingFiles;
+        EXPECT_EQ(LumRegionClose(region), rc);
+        EXPECT_EQ(log.Records().size(), report ? 1u : 0u);
+        EXPECT_EQ(log.Find(2, report).size(), report ? 1u : 0u);
+        Names left = rc == 0 ? Names{} : kWorkingFiles;
         left.push_back("p.tab");
-        if (row.rename)
+        if (rename)
             left.push_back("p.tabnew");
         EXPECT_EQ(Existing(dir_.path()), left);
         auto tab = Read(left.back());
         ASSERT_EQ(tab.size(), 2 * Page());
         EXPECT_EQ(ImageLoad32(&tab[file_header::kGeneration]), 1u);
-        bool written = row.rc == 0 || row.rename || row.fsync == FailingDirectoryFsync;
-        if (row.rename) {
+        bool written = rc == 0 || rename || fsync == FailingDirectoryFsync;
+        if (rename) {
             EXPECT_EQ(Read("p.tab"), old_tab);
         }
         EXPECT_EQ(memcmp(&tab[32], written ? &image[32] : &old_tab[32], 2 * Page() - 32), 0);

@@ -2,6 +2,7 @@
 #include <cstring>
 #include <fstream>
 #include <string_view>
+#include <tuple>
 
 #include "persistent_fixture.h"
 
@@ -66,14 +67,8 @@ TEST(RegionCreate, BadArgumentsAreRefusedBeforeAnythingIsMade) {
     const char *temp = dir.path().c_str();
     std::string long_name(LUM_REGION_NAME_MAX + 1, 'n'), name_to_fit(LUM_REGION_NAME_MAX, 'n');
     std::string long_directory(kPathBufferSize - LUM_REGION_NAME_MAX - 7, 'd');
-    struct Row {
-        const char *name;
-        int32_t type;
-        const char *directory;
-        uint32_t hard_limit;
-        int32_t rc;
-    };
-    std::vector<Row> rows = {
+    // name, type, directory, hard limit, rc
+    std::vector<std::tuple<const char *, int32_t, const char *, uint32_t, int32_t>> rows = {
         {nullptr, LUM_REGION_VOLATILE, nullptr, kMiB, LUM_RC_FAILURE},
         {long_name.c_str(), LUM_REGION_VOLATILE, nullptr, kMiB, LUM_RC_FAILURE},
         {"t", 0, temp, kMiB, LUM_RC_FAILURE},
@@ -89,14 +84,13 @@ TEST(RegionCreate, BadArgumentsAreRefusedBeforeAnythingIsMade) {
     for (uint32_t hard_limit : {0u, 0xFFF00001u, 0xFFFFFFFFu})
         for (int32_t type : {LUM_REGION_PERSISTENT, LUM_REGION_VOLATILE})
             rows.push_back({"big", type, temp, hard_limit, LUM_RC_RESERVE});
-    for (const Row &row : rows) {
-        SCOPED_TRACE(testing::Message() << "name " << (row.name ? row.name : "(null)") << ", type "
-                                        << row.type << ", hard limit " << row.hard_limit);
+    for (auto [name, type, directory, hard_limit, rc] : rows) {
+        SCOPED_TRACE(testing::Message() << "name " << (name ? name : "(null)") << ", type " << type
+                                        << ", hard limit " << hard_limit);
         LumRegion *region = reinterpret_cast<LumRegion *>(1);
         void *base = reinterpret_cast<void *>(1);
-        EXPECT_EQ(LumRegionCreate(row.name, row.type, row.hard_limit, kMiB, 0, 0, row.directory,
-                                  &region, &base),
-                  row.rc);
+        EXPECT_EQ(LumRegionCreate(name, type, hard_limit, kMiB, 0, 0, directory, &region, &base),
+                  rc);
         EXPECT_EQ(region, reinterpret_cast<LumRegion *>(1));
         EXPECT_EQ(base, reinterpret_cast<void *>(1));
         EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
