@@ -1,6 +1,4 @@
-// The log buffer and the files it writes: record layout, the first flush of
-// a region, full buffers, oversized changes and the failed state.
-#include <algorithm>
+// The log buffer and the log files: layout, full buffers, splits, failed logs.
 #include <cstring>
 #include <tuple>
 
@@ -8,7 +6,7 @@
 
 namespace {
 
-// Each record's offset in the file, type, length and value, from `first` on.
+// offset, type, length, value
 using Heads = std::vector<std::tuple<uint32_t, uint32_t, uint32_t, uint32_t>>;
 Heads HeadsOf(const std::vector<uint8_t> &file, size_t first = 0) {
     Heads heads;
@@ -20,8 +18,8 @@ Heads HeadsOf(const std::vector<uint8_t> &file, size_t first = 0) {
 
 } // namespace
 
-// The first flush restarts the log with the size, the image so far and the
-// commit; later ones append, each opened by the size, data padded to 4.
+// The first flush writes the size, the image so far and the commit; later ones
+// append, each opened by the size.
 TEST_F(PersistentTest, FirstCommitWritesTheWorkedExampleLogAndLaterOnesAppend) {
     ASSERT_EQ(Page(), 4096u) << "the example is for 4096-byte pages";
     LumRegion *region = CreatePersistent();
@@ -51,8 +49,7 @@ TEST_F(PersistentTest, FirstCommitWritesTheWorkedExampleLogAndLaterOnesAppend) {
     EXPECT_EQ(LumRegionClose(region), 0);
 }
 
-// The buffer holds the largest record named, and at least 128 KiB; a longer
-// change goes in records that fit it and replay the same bytes.
+// The buffer holds the largest record named, at least 128 KiB.
 TEST_F(PersistentTest, OversizedChangeIsSplitIntoRecordsThatFitTheBuffer) {
     const std::pair<uint32_t, uint32_t> rows[] = {
         {0, 131072}, {131000, 131072}, {1048576, 1048596}, {3 * kMiB, 3 * kMiB + 20}};
@@ -79,34 +76,28 @@ TEST_F(PersistentTest, OversizedChangeIsSplitIntoRecordsThatFitTheBuffer) {
     }
 }
 
-// A failed flush fails the log: until the generation moves on, changes are
-// dropped but marked, and commits write nothing.
+// Until the generation moves on, a failed log drops changes but marks them.
 TEST_F(PersistentTest, FailedFlushOrRestartFailsTheLogOfItsGeneration) {
-    const struct {
-        const char *what;
-        uint32_t generation; // 2 restarts the log of parity 0
-        int write_at;
-        bool ftruncate;
-        std::string error;
-        bool short_write = false; // which sets no errno
-    } rows[] = {
-        {"write", 0, 1, false, "No space left on device"},
-        {"zap: truncate", 2, 0, true, "Input/output error"},
-        {"zap: header", 2, 1, false, "No space left on device"},
-        {"zap: short header", 2, 1, false, "Input/output error", true},
+    // what, generation (2 restarts the log of parity 0), write to fail, failed
+    // truncate, short write (which sets no errno), the reported error
+    const std::tuple<const char *, uint32_t, int, bool, bool, const char *> rows[] = {
+        {"write", 0, 1, false, false, "No space left on device"},
+        {"zap: truncate", 2, 0, true, false, "Input/output error"},
+        {"zap: header", 2, 1, false, false, "No space left on device"},
+        {"zap: short header", 2, 1, false, true, "Input/output error"},
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.what);
+    for (auto [what, generation, write_at, ftruncate, short_write, error] : rows) {
+        SCOPED_TRACE(what);
         LumRegion *region = CreatePersistent();
         Commit(region);
         _LumDirtyMapFill(region, 0, 0);
-        region->generation = row.generation;
+        region->generation = generation;
         Change(region, 100, 4, 1);
         {
             lumtest::FileFaults faults;
-            faults.fail_write_at = row.write_at;
-            faults.fail_ftruncate = row.ftruncate;
-            faults.short_write = row.short_write;
+            faults.fail_write_at = write_at;
+            faults.fail_ftruncate = ftruncate;
+            faults.short_write = short_write;
             lumtest::LogCapture log;
             LumDebugFacilitySet("region", 1);
             errno = 0;
@@ -115,19 +106,18 @@ TEST_F(PersistentTest, FailedFlushOrRestartFailsTheLogOfItsGeneration) {
             auto reports = log.Find(2, 1);
             ASSERT_EQ(reports.size(), 1u);
             EXPECT_EQ(reports[0].severity, 4);
-            EXPECT_EQ(reports[0].text, "Logging failed: \"p\": " + row.error);
-            EXPECT_EQ(log.Find(2, 5).size(), row.ftruncate ? 1u : 0u) << "failed to zap log 0";
+            EXPECT_EQ(reports[0].text, std::string("Logging failed: \"p\": ") + error);
+            EXPECT_EQ(log.Find(2, 5).size(), ftruncate ? 1u : 0u) << "failed to zap log 0";
         }
         EXPECT_EQ(std::make_tuple(region->log_failed.load(), region->flushed_generation.load(),
                                   region->log_buffer->used),
-                  std::make_tuple(1u, row.generation, 0u));
+                  std::make_tuple(1u, generation, 0u));
         auto failed = Read("p_0.log");
         Change(region, 104, 4, 2);
         EXPECT_EQ(region->log_buffer->used, 0u);
         EXPECT_TRUE(_LumDirtyMapTest(region->dirty_map[0], 0)) << "dropped, but marked";
         Commit(region);
         EXPECT_EQ(Read("p_0.log"), failed);
-
         EXPECT_EQ(LumRegionClose(region), 0);
     }
 }

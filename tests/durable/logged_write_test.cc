@@ -1,5 +1,4 @@
-// The logged write path: the record each operation leaves, overlapping
-// copies, targets outside the image, and marks that stay in the maps.
+// The logged write path: records, overlapping copies, targets outside the image.
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -10,8 +9,6 @@
 
 namespace {
 
-// The logged writes but LumMemLog: the bytes each stores, and whether it
-// logs a value that is already there.
 struct Write {
     const char *name;
     uint32_t width;
@@ -68,8 +65,8 @@ class MutationTest : public PersistentTest {
     uint8_t *target_ = nullptr;
 };
 
-// Every length around each copy width and the short copy's limit, inside a
-// page or crossing its end, from a separate or an overlapping source.
+// Every length up to past the short copy's limit, inside a page or across
+// its end, from a separate or an overlapping source.
 TEST_F(MutationTest, EveryCopyEndsAsMemmoveIsLoggedByteExactAndMarksItsPages) {
     uint8_t separate[136];
     uint8_t *page_end = region_->base + 2 * Page();
@@ -101,9 +98,8 @@ TEST_F(MutationTest, EveryCopyEndsAsMemmoveIsLoggedByteExactAndMarksItsPages) {
     }
 }
 
-// Inside the image a write logs its width, and a value already there only
-// for the block writes. Outside the used bytes (below the base the offset
-// must not wrap) it is refused whole, with one report.
+// Inside the image a write logs its width, a value already there only for the
+// block writes; outside the used bytes it is refused whole, with one report.
 TEST_F(MutationTest, EachWriteLogsItsWidthInsideTheImageAndIsRefusedOutsideIt) {
     std::vector<Write> writes(std::begin(kWrites), std::end(kWrites));
     writes.push_back({"LumMemLog", 0, true, [](auto s, auto at) { LumMemLog(s, at + 4); }});
@@ -161,8 +157,6 @@ TEST_F(MutationTest, EachWriteLogsItsWidthInsideTheImageAndIsRefusedOutsideIt) {
     EXPECT_EQ(LumMemLogCpy(nullptr, target_, kSource, 4), nullptr);
 }
 
-// A real is stored only when it compares greater or less: equal values
-// (-0.0 against +0.0) and a NaN on either side leave no store and no record.
 TEST_F(MutationTest, RealIsStoredOnlyWhenItComparesGreaterOrLess) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const std::tuple<double, double, bool> cases[] = {
@@ -180,10 +174,8 @@ TEST_F(MutationTest, RealIsStoredOnlyWhenItComparesGreaterOrLess) {
     }
 }
 
-// A change outside the reservation, as a wild pointer brings into the
-// allocator, marks nothing: a mark beyond the maps would write past them.
+// A wild pointer's change outside the reservation must not mark past the maps.
 TEST_F(MutationTest, ChangesOutsideTheReservationMarkNothing) {
-    // Somewhere in twice the reservation, 32-bit offsets lie beyond it.
     std::vector<uint8_t> outside(2 * region_->hard_limit + 2 * Page());
     uint8_t *wild = nullptr;
     for (uint8_t *at = outside.data() + 64; !wild; at += Page()) {

@@ -1,12 +1,10 @@
-// Recovery on real files: which source an open restores, what it replays
-// and cuts, and what the scan makes of a damaged log. A crash is a copy of
-// the region's files taken while the region is open: what a dead process
-// leaves is what its files hold at that moment.
+// Recovery on real files: the source an open restores, what it replays and
+// cuts, the scan of a damaged log. A crash is a copy of the open region's files.
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <random>
+#include <tuple>
 
 #include "durable/recovery.h"
 #include "persistent_fixture.h"
@@ -64,8 +62,7 @@ void WriteFile(const std::string &path, const std::vector<uint8_t> &bytes) {
                static_cast<std::streamsize>(bytes.size()));
 }
 
-// A region "p" whose history is one counter in a chunk, and a copy of its
-// files as a crash at some moment leaves them.
+// A region "p" whose history is one counter in a chunk, and crash copies of it.
 struct History {
     History() {
         void *base;
@@ -128,17 +125,11 @@ class RecoveryTest : public PersistentTest {};
 // A word of page 0 behind the region header that nothing else writes.
 constexpr uint32_t kUncommitted = 4000;
 
-// What open restores, by the files that survive: each row builds a history
-// through the API, crashes, damages what it names, and opens the copy.
 TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
-    struct Row {
-        const char *what;
-        std::function<void(History &)> build; // then a crash, unless build made one
-        int32_t rc;
-        uint32_t restoring_id; // 15 tab, 16 chk, 17 logs
-        int32_t counter;
-        uint32_t generation;
-    };
+    // what, build (then a crash, unless build made one), rc, restoring report
+    // (15 tab, 16 chk, 17 logs), counter, generation
+    using Row = std::tuple<const char *, std::function<void(History &)>, int32_t, uint32_t, int32_t,
+                           uint32_t>;
     auto copy_chk1_as_tab = [](History &h, uint32_t generation, int32_t age) {
         h.Crash();
         fs::copy_file(h.Crashed("_1.chk"), h.Crashed(".tab"), fs::copy_options::overwrite_existing);
@@ -221,28 +212,26 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
          },
          LUM_RC_BAD_FILES, 0, 0, 0},
     };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto &[what, build, rc, restoring_id, counter, generation] : rows) {
+        SCOPED_TRACE(what);
         History history;
-        row.build(history);
+        build(history);
         if (!fs::exists(history.Crashed("_0.chk")))
             history.Crash();
         lumtest::LogCapture log;
-        ASSERT_EQ(history.OpenCrash(), row.rc);
-        if (row.rc != 0) {
+        ASSERT_EQ(history.OpenCrash(), rc);
+        if (rc != 0) {
             EXPECT_EQ(history.opened, nullptr);
             continue;
         }
-        EXPECT_EQ(log.Find(kSetReport, row.restoring_id).size(), 1u);
-        EXPECT_EQ(history.Counter(), row.counter);
-        EXPECT_EQ(history.opened->generation.load(), row.generation);
+        EXPECT_EQ(log.Find(kSetReport, restoring_id).size(), 1u);
+        EXPECT_EQ(history.Counter(), counter);
+        EXPECT_EQ(history.opened->generation.load(), generation);
         EXPECT_EQ(LumRegionVerify(history.opened), 0);
 
-        // The first checkpoint after the open rewrites nothing that the open
-        // needed, though its pages hold a change no commit covers: a crash
-        // after its first page recovers the same state. (A chk file cut by
-        // the open is rewritten in place beside the log that once
-        // acknowledged it; that acknowledgement must be gone.)
+        // A crash after the first page of the next checkpoint, which holds an
+        // uncommitted change, recovers the same state: nothing the open needed
+        // (nor a stale acknowledgement of a chk file it cut) is overwritten.
         LumSegment opened{history.opened, nullptr};
         LumMemLogCpyInt(&opened, history.opened->base + kUncommitted, 99);
         static std::string from, to;
@@ -261,14 +250,12 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         void *base;
         ASSERT_EQ(LumRegionOpen("p", 4 * kMiB, 4 * kMiB, 0, 0, to.c_str(), &again, &base), 0);
         EXPECT_EQ(ImageLoad32(again->base + history.counter_offset),
-                  static_cast<uint32_t>(row.counter));
+                  static_cast<uint32_t>(counter));
         EXPECT_EQ(ImageLoad32(again->base + kUncommitted), 0u);
         LumRegionClose(again);
     }
 }
 
-// The scan of a log, on bytes written to a file: where the committed part
-// ends, whether the log ended cleanly, and which acknowledgement counts.
 TEST_F(RecoveryTest, TheScanTrustsALogUpToItsLastCommitBeforeTheFirstBadRecord) {
     struct Row {
         const char *what;
@@ -279,8 +266,7 @@ TEST_F(RecoveryTest, TheScanTrustsALogUpToItsLastCommitBeforeTheFirstBadRecord) 
     const uint64_t none = kNoCheckpoint, head = file_header::kSize;
     Log good = Log().Size().Data(5).Commit();
     Log ack = Log().Size().Record(LOG_CHECKPOINT).Commit();
-    // A block holds kLogBlock bytes from offset 32: the first record below
-    // crosses its end with its payload, the second with its head.
+    // These cross the end of the first read block with the payload, the head.
     Log across = Log().Size().Data(log_record::kMaxPayload - 8).Commit();
     Log head_across = Log().Size().Data(log_record::kMaxPayload - 16).Commit().Commit();
     const Row rows[] = {
@@ -321,10 +307,6 @@ TEST_F(RecoveryTest, TheScanTrustsALogUpToItsLastCommitBeforeTheFirstBadRecord) 
     }
 }
 
-// Every failure inside an open, at every call it makes: the open fails
-// whole (nothing published, every descriptor closed, no leak) or succeeds
-// with the committed state, and once the fault is lifted, the next open of
-// the same files restores the committed state.
 namespace {
 int calls, fail_at;
 // A platform entry whose fail_at-th call fails with kError.
@@ -340,6 +322,8 @@ struct Failing<kEntry, kError> {
 };
 } // namespace
 
+// An open fails whole (nothing published, no descriptor or memory kept) or
+// gives the committed state; the next open of the same files recovers.
 TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
     const std::pair<const char *, void (*)()> faults[] = {
         {"read", [] { lum_platform.pread = Failing<&LumPlatform::pread, EIO>::Call; }},
@@ -353,6 +337,8 @@ TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
     history.Step(2);
     history.Step(3, false);
     _LumLogBufferFlush(history.live); // an uncommitted tail to cut
+    history.Crash();
+    EXPECT_EQ(history.OpenCrash(Page()), LUM_RC_SOFT_LIMIT) << "the image is larger";
     for (const auto &[what, install] : faults) {
         for (fail_at = 1;; ++fail_at) {
             SCOPED_TRACE(std::string(what) + " " + std::to_string(fail_at));
@@ -365,8 +351,7 @@ TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
                 rc = history.OpenCrash();
                 lum_malloc_fail_at(0);
             }
-            // Every call has failed once when one was not reached (malloc
-            // counts none: its last failure is the last failed open).
+            // Done when the fault was not reached (malloc counts no calls).
             bool reached = calls < 0 ? rc != 0 : calls >= fail_at;
             if (history.opened != nullptr) { // recovered, or verified to a failure of its own
                 EXPECT_EQ(history.Counter(), 2);
@@ -383,19 +368,10 @@ TEST_F(RecoveryTest, EveryFailureOfAnOpenFailsItWholeAndTheNextOpenRecovers) {
     }
 }
 
-// An image beyond the soft limit waits for a larger one; a directory with
-// no files, or with logs that committed nothing, has nothing to restore, and
-// keeps the working files the probes made. (A region in use is refused with
-// the lifecycle.)
-TEST_F(RecoveryTest, OpenRefusesAnImageTooLargeAndNoFiles) {
-    History history;
-    history.Step(1);
-    history.Crash();
-    EXPECT_EQ(history.OpenCrash(Page()), LUM_RC_SOFT_LIMIT) << "the image needs more";
-    EXPECT_EQ(history.OpenCrash(), 0) << "and gets it";
-    LumRegionClose(std::exchange(history.opened, nullptr));
-    for (const char *suffix : kSuffixes)
-        fs::remove(history.Crashed(suffix));
+// A directory with no files, or with logs that committed nothing, has nothing
+// to restore; the probes leave empty working files.
+TEST_F(RecoveryTest, NoFilesAndLogsThatCommittedNothingHaveNothingToRestore) {
+    History history; // and no crash copy
     for (int attempt = 0; attempt < 2; ++attempt) {
         EXPECT_EQ(history.OpenCrash(), LUM_RC_BAD_FILES);
         for (const char *suffix : {"_0.chk", "_1.chk", "_0.log", "_1.log"})
@@ -404,7 +380,6 @@ TEST_F(RecoveryTest, OpenRefusesAnImageTooLargeAndNoFiles) {
                 << suffix;
         EXPECT_FALSE(fs::exists(history.Crashed(".tab")));
     }
-    // A log 0 whose first size no commit covers restores nothing.
     WriteFile(history.Crashed("_0.log"), Log(0).Size(Page()).bytes);
     EXPECT_EQ(history.OpenCrash(), LUM_RC_BAD_FILES);
 }

@@ -1,6 +1,5 @@
-// Starting and stopping the library. It starts once per process, so every
-// test does its work in a forked child and reports through its exit code
-// (0 for success, the failing check's line otherwise).
+// Starting and stopping the library, once per process: each test works in a
+// forked child whose exit code is 0 or the failing check's line.
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -9,6 +8,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <tuple>
 
 #include "frame/frame.h"
 #include "test_support.h"
@@ -26,7 +26,6 @@ namespace {
         }                                                                                          \
     } while (0)
 
-// A property manager, with the library's properties defined or not.
 LumPropMgr *Properties(bool defined = true) {
     LumPropMgr *properties = nullptr;
     LumPropMgrCreate(&properties);
@@ -35,10 +34,8 @@ LumPropMgr *Properties(bool defined = true) {
     return properties;
 }
 
-// Properties from a command line that sets every switch to the opposite of
-// its default. The parse must leave the host's own arguments, a mere prefix
-// of an option among them; when it does not, this gives no properties, so
-// the defaults, and the start's row fails.
+// Every switch set against its default; null (so the row fails) unless the
+// parse leaves the host's own arguments, a mere prefix of an option among them.
 LumPropMgr *PropertiesFromOptions() {
     LumPropMgr *properties = Properties();
     LumArgMgr *arguments = nullptr;
@@ -54,7 +51,6 @@ LumPropMgr *PropertiesFromOptions() {
     return parsed ? properties : nullptr;
 }
 
-// Whether a thread of this process bears the checkpoint thread's name.
 bool CheckpointThreadRuns() {
     for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
         std::ifstream comm(task.path() / "comm");
@@ -76,11 +72,8 @@ void ExpectChildPasses(const std::function<int()> &body, const std::string &what
 
 } // namespace
 
-// The first start runs the named checkpoint thread, keeps the data directory
-// with one trailing separator added unless it has one, reads the switches,
-// probes the write barrier and registers the result codes' texts. Later
-// starts change nothing; a stop ends the thread, which reports its loop at
-// severity 1 only while the region facility is on.
+// Later starts change nothing; the thread reports its loop only while the
+// region facility is on.
 TEST(Startup, FirstStartSetsUpTheLibraryUntilItStops) {
     using Switches = std::array<int32_t, 4>; // barrier, protect all, mutation check, verify
     enum Source { kDefined, kUndefined, kOptions };
@@ -138,8 +131,7 @@ TEST(Startup, FirstStartSetsUpTheLibraryUntilItStops) {
     }
 }
 
-// Regions need a running library: not before a start, nor after a refused
-// start, nor after a stop, which a later start does not undo.
+// Not before a start, nor after a refused one, nor after a stop, for good.
 TEST(Startup, RegionsNeedARunningLibrary) {
     ExpectChildPasses([] {
         LumRegion *region = nullptr;
@@ -159,10 +151,8 @@ TEST(Startup, RegionsNeedARunningLibrary) {
     });
 }
 
-// Each allocation of the start may fail, again and again: every failed
-// attempt returns the runtime's 12 (or goes on, where the catalogue fails),
-// leaves the library not started and nothing behind that a later attempt
-// loses; the attempt after the failures succeeds.
+// Each allocation of the start may fail, again and again, without leaking
+// (where the catalogue fails, the start goes on).
 TEST(Startup, FailedStartsMayBeRetriedWithoutLeaking) {
     for (uint32_t nth = 1; nth <= 12; ++nth) {
         ExpectChildPasses(
@@ -187,33 +177,28 @@ TEST(Startup, FailedStartsMayBeRetriedWithoutLeaking) {
     }
 }
 
-// The checkpoint interval is an integer property, 60000 unless set. Its
-// option takes the value from the next argument; a value that is not
-// positive keeps the default, and a bad or missing one stays unparsed.
+// A value that is not positive keeps the default; a bad or missing one stays unparsed.
 TEST(Properties, CheckpointIntervalComesFromItsIntegerOption) {
-    const struct {
-        const char *text; // null: the option ends the command line
-        int32_t rc;
-        int32_t interval;
-    } rows[] = {{"250", 0, 250},
-                {"0", 0, 60000},
-                {"-5", 0, 60000},
-                {"soon", EINVAL, 60000},
-                {nullptr, EINVAL, 60000}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.text ? row.text : "missing");
+    // text (null: the option ends the command line), result, interval
+    const std::tuple<const char *, int32_t, int32_t> rows[] = {{"250", 0, 250},
+                                                               {"0", 0, 60000},
+                                                               {"-5", 0, 60000},
+                                                               {"soon", EINVAL, 60000},
+                                                               {nullptr, EINVAL, 60000}};
+    for (const auto &[given, rc, interval] : rows) {
+        SCOPED_TRACE(given ? given : "missing");
         LumPropMgr *properties = Properties();
         LumArgMgr *arguments = nullptr;
         ASSERT_EQ(LumArgMgrCreate(properties, &arguments), 0);
         ASSERT_EQ(LumRegionArgMgrInitialise(arguments), 0);
-        std::string text = row.text ? row.text : "";
+        std::string text = given ? given : "";
         char program[] = "host", option[] = "-regioncheckpointinterval";
         char *argv[] = {program, option, text.data(), nullptr};
-        int argc = row.text ? 3 : 2;
-        EXPECT_EQ(LumArgMgrParse(arguments, &argc, argv), row.rc);
-        EXPECT_EQ(argc, row.rc == 0 ? 1 : (row.text ? 3 : 2));
+        int argc = given ? 3 : 2, unparsed = rc == 0 ? 1 : argc;
+        EXPECT_EQ(LumArgMgrParse(arguments, &argc, argv), rc);
+        EXPECT_EQ(argc, unparsed);
         RegionReadProperties(properties);
-        EXPECT_EQ(region_checkpoint_interval, row.interval);
+        EXPECT_EQ(region_checkpoint_interval, interval);
         LumArgMgrDestroy(arguments);
         LumPropMgrDestroy(properties);
     }

@@ -1,7 +1,5 @@
-// The virtual-memory calls behind the seam keep the promises the image
-// relies on: reserved memory faults, committed memory reads as zero, and
-// decommitted memory is really gone. Protection is tested through the
-// regions that use it.
+// The promises the image relies on: only committed memory is there, and
+// decommitted memory is really gone.
 #include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,7 +1,4 @@
-// Page protection: which regions protect, which pages the two calls touch,
-// too many open allocations, and the report of a protection change that
-// fails. Allocations that stay writable until the host ends them are tested
-// in the allocator's seeded run.
+// Page protection: which regions protect, which pages, and its failures.
 #include <cstring>
 #include <tuple>
 
@@ -9,9 +6,7 @@
 
 using lumtest::FaultsInChild;
 
-// A region protects when it asks to or when Region.ProtectAll is on: its
-// header is read-only after creation. A region that does not protect never
-// calls the platform, not even for an allocation, its log and its free.
+// A region that does not protect never calls the platform, not even to allocate.
 TEST_F(RegionTest, OnlyProtectingRegionsRefuseStoresAndCallThePlatform) {
     const int32_t rows[][2] = {{1, 0}, {0, 1}, {0, 0}}; // protect, Region.ProtectAll
     for (const auto &[protect, all] : rows) {
@@ -44,8 +39,7 @@ TEST_F(RegionTest, ProtectionCoversEveryPageTheRangeTouches) {
                                         {region->base + 2 * Page(), Page(), 1}}));
 }
 
-// More open allocations than a region keeps track of: rather than close
-// one under its host, the region stops protecting its pages.
+// Rather than close an allocation under its host, the region stops protecting.
 TEST_F(RegionTest, TooManyOpenAllocationsEndProtectionForTheRegion) {
     LumRegion *region = Create(kMiB, kMiB, 1);
     LumSegment *segment = NewSegment(region, 65536);
@@ -61,8 +55,6 @@ TEST_F(RegionTest, TooManyOpenAllocationsEndProtectionForTheRegion) {
     LumSegmentClose(segment);
 }
 
-// A protection change that the system refuses is reported once per region,
-// with the region's name and the system's reason, and the region goes on.
 TEST_F(RegionTest, AFailedProtectionChangeIsReportedOncePerRegion) {
     lumtest::PlatformGuard guard;
     lum_platform.protect = [](void *, size_t, int) { return EACCES; };
