@@ -1,6 +1,5 @@
-// Properties: typed copies, values from text and from property files. The
-// options that set them are tested with the library's own, in the start-up
-// test, which also reads the library's properties back.
+// Properties: typed copies, values from text and from property files
+// (options are tested with the library's own, in the start-up test).
 #include <gtest/gtest.h>
 
 #include "rs_test_support.h"
@@ -16,9 +15,7 @@ std::string Shown(const LumPropMgr *properties, const char *name) {
     return "7 " + std::string(value.value.string.text, value.value.string.length);
 }
 
-// A value of the wrong type is refused; a string is its `length` bytes,
-// copied; booleans are read from the usual words in any case; a property
-// file applies its good lines and reports the others.
+// A property file applies its good lines and reports the others.
 TEST(RsPropertiesTest, ValuesAreTypedCopiesSetDirectlyFromTextOrFromAFile) {
     LumPropMgr *properties = nullptr;
     ASSERT_EQ(LumPropMgrCreate(&properties), 0);

@@ -7,7 +7,6 @@ namespace {
 
 using rs_test::ScopedEnv;
 
-// The library joins directory and name into buffers of their exact size.
 TEST(RsConstructPathTest, JoinsUpToTheNullArgumentWithinTheSize) {
     char buffer[8];
     EXPECT_EQ(LumConstructPath(buffer, sizeof buffer, "/dat", "a/", "x", nullptr), 0);
@@ -36,8 +35,7 @@ TEST(RsEnvExpandTest, ExpandsBothFormsAndRejectsAnUnclosedBrace) {
     }
 }
 
-// Valid text converts both ways, a surrogate pair included; each class of
-// invalid input is refused with no string.
+// Each class of invalid input is refused with no string.
 TEST(RsWideStringTest, ConvertsValidTextBothWaysAndRefusesEachClassOfInvalidInput) {
     const std::pair<const char *, std::u16string> utf8[] = {
         {"a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", {0x61, 0xE9, 0x20AC, 0xD83D, 0xDE00}},
@@ -63,7 +61,6 @@ TEST(RsWideStringTest, ConvertsValidTextBothWaysAndRefusesEachClassOfInvalidInpu
         lum_free(wide);
         lum_free(back);
     }
-    // Unpaired surrogates: a high one without a low one, and the reverse.
     for (const std::u16string &wide :
          {std::u16string{u'a', 0xD800}, std::u16string{0xDC00, u'a'}}) {
         char *text = reinterpret_cast<char *>(1);
