@@ -114,14 +114,12 @@ class ToolTest : public testing::Test {
 };
 
 TEST_F(ToolTest, UsageErrorsAndHelp) {
-    std::vector<ToolRun> runs = {{"", 2},
-                                 {"info", 2},
-                                 {"frobnicate x", 2},
-                                 {"info /nonexistent/dir r", 2},
-                                 {"dump-log /nonexistent/r_0.log", 2}};
-    for (const char *subcommand : {"info", "dump-log", "check", "stat", "copy"})
-        runs.push_back({std::string(subcommand) + " --help", 0});
-    ExpectRuns(runs);
+    ExpectRuns({{"", 2},
+                {"info", 2},
+                {"frobnicate x", 2},
+                {"check --help", 0},
+                {"info /nonexistent/dir r", 2},
+                {"dump-log /nonexistent/r_0.log", 2}});
 }
 
 // A crashed set read as it is, then with a torn record head behind its
