@@ -1,4 +1,5 @@
-// The log, the message catalogue, result-code texts and debug facilities.
+// The log, the message catalogue, result-code texts, debug facilities and
+// per-thread exceptions.
 #include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -98,6 +99,33 @@ TEST(RsDebugFacilityTest, LumDebugSwitchesOnAtRegistrationAndSetSwitchesAtRunTim
     reader.join();
     EXPECT_EQ(unlisted + twin, 2);
     EXPECT_EQ(LumDebugFacilitySet("dbg_nobody", 1), ENOENT);
+}
+
+// A raise is logged, handed to the handler, and pending in its own thread
+// alone until cleared.
+TEST(RsExceptionTest, RaiseRecordsLogsAndCallsTheHandlerUntilCleared) {
+    std::vector<std::string> seen;
+    LumThreadExceptionSetHandler(
+        [](void *context, const LumException *exception) {
+            static_cast<std::vector<std::string> *>(context)->push_back(exception->message);
+        },
+        &seen);
+    rs_test::LogCapture capture;
+    LumValue value{LUM_VALUE_STRING, 0, {.string = {"Invalid chunk, and more", 13}}};
+    const uint32_t self = LumThreadGetID();
+    EXPECT_EQ(LumThreadExceptionRaise(self, "RegionHash", nullptr, 0, 0, "Insert failed", &value,
+                                      nullptr, 0, nullptr),
+              0);
+    LumThreadExceptionSetHandler(nullptr, nullptr);
+    EXPECT_EQ(seen, std::vector<std::string>{"Insert failed"});
+    EXPECT_EQ(capture.Lines(), std::vector<std::string>{
+                                   "4 0/0 Exception RegionHash: Insert failed (Invalid chunk)"});
+    LumException pending{};
+    ASSERT_EQ(LumThreadExceptionGet(&pending), 0);
+    EXPECT_EQ(pending.thread_id, self);
+    std::thread([] { EXPECT_EQ(lumtest::TakeException(), ""); }).join();
+    EXPECT_EQ(lumtest::TakeException(), "RegionHash|Insert failed|Invalid chunk");
+    EXPECT_EQ(lumtest::TakeException(), "") << "cleared";
 }
 
 } // namespace

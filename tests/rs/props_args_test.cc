@@ -46,11 +46,9 @@ TEST(RsPropertiesTest, ValuesAreTypedCopiesSetDirectlyFromTextOrFromAFile) {
     EXPECT_EQ(LumPropMgrLoadFile(properties, path.c_str()), EINVAL);
     EXPECT_EQ(Shown(properties, "Store.Mode") + ", " + Shown(properties, "Store.Verify"),
               "7 careful, 4 0");
-    std::vector<std::string> lines = capture.Lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].find("4 "), 0u) << lines[0];
-    EXPECT_NE(lines[0].find(", line 3:"), std::string::npos) << lines[0];
-    EXPECT_NE(lines[1].find(", line 4:"), std::string::npos) << lines[1];
+    const std::string report = "4 0/0 Property file " + path + ", line ";
+    EXPECT_EQ(capture.Lines(), (std::vector<std::string>{report + "3: not a valid setting",
+                                                         report + "4: unknown property"}));
     EXPECT_EQ(LumPropMgrLoadFile(properties, (dir.path() + "absent").c_str()), ENOENT);
     LumPropMgrDestroy(properties);
 }

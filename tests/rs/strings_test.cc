@@ -1,4 +1,5 @@
-// Paths, environment expansion and UTF-8/UTF-16 conversion.
+// Paths, environment expansion and UTF-8/UTF-16 conversion, and their
+// allocation failures.
 #include <gtest/gtest.h>
 
 #include "rs_test_support.h"
@@ -68,6 +69,23 @@ TEST(RsWideStringTest, ConvertsValidTextBothWaysAndRefusesEachClassOfInvalidInpu
                   EILSEQ);
         EXPECT_EQ(text, nullptr);
     }
+}
+
+// The first lum_malloc of `make` fails: ENOMEM and no string; the next works.
+template <class T> void ExpectNoMemoryOnce(int32_t (*make)(T **)) {
+    T *made = reinterpret_cast<T *>(1);
+    lum_malloc_fail_at(1);
+    EXPECT_EQ(make(&made), ENOMEM);
+    EXPECT_EQ(made, nullptr);
+    EXPECT_EQ(make(&made), 0);
+    lum_free(made);
+}
+
+TEST(RsMemoryTest, StringOperationsReportNoMemoryOnce) {
+    static const uint16_t kWideA[] = {'a', 0};
+    ExpectNoMemoryOnce<char>([](char **text) { return LumEnvExpandString("a$b", text); });
+    ExpectNoMemoryOnce<uint16_t>([](uint16_t **wide) { return LumWStringStrToWStr("abc", wide); });
+    ExpectNoMemoryOnce<char>([](char **text) { return LumWStringWStrToStr(kWideA, text); });
 }
 
 } // namespace
