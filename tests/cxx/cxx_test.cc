@@ -1,13 +1,11 @@
 // lumregion.hpp end to end, against the shared library as a host sees it.
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <string>
-#include <tuple>
 #include <unistd.h>
 #include <vector>
 
