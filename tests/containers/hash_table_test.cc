@@ -53,6 +53,11 @@ int32_t Visit(void *item, void *ids) { // stops at ids divisible by the first el
 int32_t ById(LumRegHash *, const void *a, const void *b, void *) {
     return Of(a).id < Of(b).id ? -1 : Of(a).id > Of(b).id;
 }
+uint32_t SegmentCount(LumRegion *region) {
+    LumRegionInfo info{};
+    LumRegionGetInfo(region, &info);
+    return info.segment_count;
+}
 uint32_t SegmentId(LumSegment *segment) {
     LumSegmentInfo info{};
     LumSegmentGetInfo(segment, &info);
@@ -197,9 +202,7 @@ TEST_F(HashTableTest, SeededWorkMatchesAModelAcrossClosesAndOpens) {
         LumRegHashDestroy(table, FreeItem, &freed);
         EXPECT_EQ(freed, model.items.size());
         EXPECT_EQ(LumRegionVerifyDeep(region), 0);
-        LumRegionInfo info{};
-        LumRegionGetInfo(region, &info);
-        EXPECT_EQ(info.segment_count, 0u);
+        EXPECT_EQ(SegmentCount(region), 0u);
         EXPECT_EQ(LumRegionClose(region), 0);
         std::filesystem::remove(Path("p.tab"));
     }
@@ -318,12 +321,7 @@ TEST_F(RegionTest, HashTableRefusalsReportAndLeaveNothingHalfDone) {
     };
     for (const auto &[call, failing_malloc, report] : creates)
         ExpectRefused(call, failing_malloc, create + report);
-    auto segments = [&] {
-        LumRegionInfo info{};
-        LumRegionGetInfo(region, &info);
-        return info.segment_count;
-    };
-    EXPECT_EQ(segments(), 0u);
+    EXPECT_EQ(SegmentCount(region), 0u);
 
     LumRegHash *table = LumRegHashCreate(region, &kConfig, 5, kKeys, 2);
     const uint32_t id = SegmentId(LumRegHashSegment(table));
@@ -352,7 +350,7 @@ TEST_F(RegionTest, HashTableRefusalsReportAndLeaveNothingHalfDone) {
     };
     for (const auto &[call, failing_malloc, report] : opens)
         ExpectRefused(call, failing_malloc, report);
-    EXPECT_EQ(segments(), 5u);
+    EXPECT_EQ(SegmentCount(region), 5u);
 
     EXPECT_EQ(LumRegHashAlloc(table, 0xFFFFFFF0u), nullptr);
     EXPECT_EQ(lumtest::TakeException(),
