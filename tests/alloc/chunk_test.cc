@@ -1,6 +1,4 @@
-// Segments and chunk allocation, each case with and without page protection:
-// records, sizes and statistics at their edges, growth and shrinking,
-// refused parameters and frees, and a seeded run checked against a model.
+// Segments and chunk allocation, each case with and without page protection.
 #include <algorithm>
 #include <array>
 #include <map>
@@ -30,13 +28,12 @@ class AllocTest : public PersistentTest, public ::testing::WithParamInterface<in
         region_ = CreatePersistent("alloc", 64 * kMiB, 64 * kMiB, kMiB, GetParam());
     }
     void TearDown() override {
-        for (LumSegment *segment : segments_) // with their live chunks
+        for (LumSegment *segment : segments_)
             EXPECT_EQ(LumSegmentDrop(segment), 0);
         EXPECT_EQ(region_->used, FirstExtentOffset());
         EXPECT_EQ(LumRegionVerifyDeep(region_), 0);
         EXPECT_EQ(LumRegionDrop(region_), 0);
     }
-    // A segment that the test's end drops.
     LumSegment *Segment(uint32_t primary, uint32_t secondary = 0, uint32_t growth = 0,
                         uint32_t maximum = 0) {
         return segments_.emplace_back(NewSegment(region_, primary, secondary, growth, maximum));
@@ -48,9 +45,8 @@ class AllocTest : public PersistentTest, public ::testing::WithParamInterface<in
 
 INSTANTIATE_TEST_SUITE_P(Protection, AllocTest, ::testing::Values(0, 1));
 
-// The worked example's records (type, value, length): a new segment of 64
-// KiB, an allocation of 100 bytes, its free. Then the allocation and free
-// leave the same records whatever the buffer holds, and mark their pages.
+// The records (type, value, length) of a new segment of 64 KiB, an
+// allocation of 100 bytes and its free; the same whatever the buffer holds.
 TEST_P(AllocTest, WorkedExampleLeavesTheseRecordsWhateverTheBufferHolds) {
     ASSERT_EQ(Page(), 4096u);
     const std::vector<std::array<uint32_t, 3>> example = {
@@ -60,7 +56,7 @@ TEST_P(AllocTest, WorkedExampleLeavesTheseRecordsWhateverTheBufferHolds) {
         {LOG_DATA, 5828, 12},   {LOG_DATA, 69608, 4},  {LOG_DATA, 4136, 24}, {LOG_DATA, 5716, 112},
         {LOG_DATA, 5608, 8},    {LOG_DATA, 5608, 8},   {LOG_DATA, 5716, 12}, {LOG_DATA, 69608, 4},
         {LOG_DATA, 4136, 24}};
-    // Whether a commit empties the buffer first, and the room it leaves (0: as it comes).
+    // Whether a commit empties the buffer first; the room left (0: as it comes).
     const std::tuple<const char *, bool, uint32_t> rows[] = {
         {"the worked example", true, 0},
         {"in an empty buffer", true, 0},
@@ -69,7 +65,7 @@ TEST_P(AllocTest, WorkedExampleLeavesTheseRecordsWhateverTheBufferHolds) {
     LumSegment *segment = nullptr;
     LogBuffer *buffer = region_->log_buffer;
     using Record = std::tuple<uint32_t, uint32_t, uint32_t, std::vector<uint8_t>>;
-    std::vector<Record> first; // the worked example's
+    std::vector<Record> first;
     for (auto [what, commit_first, room] : rows) {
         SCOPED_TRACE(what);
         if (commit_first)
@@ -107,8 +103,7 @@ TEST_P(AllocTest, WorkedExampleLeavesTheseRecordsWhateverTheBufferHolds) {
     }
 }
 
-// The smallest sizes, the split that needs 16 bytes to spare, and frees in
-// any order that merge again. LumMemLog closes a new chunk's pages.
+// The smallest sizes, the split that needs 16 bytes to spare, frees in any order.
 TEST_P(AllocTest, ChunkSizesSplitsAndMergesAtTheirEdges) {
     LumSegment *segment = Segment(4096);
     Figures empty = FiguresOf(segment);
@@ -143,10 +138,9 @@ TEST_P(AllocTest, ChunkSizesSplitsAndMergesAtTheirEdges) {
     EXPECT_EQ(out, nullptr);
 }
 
-// Each row frees some of the chunks a to d of a new segment, then a pointer
-// that names no live chunk, moved by `shift` from a chunk's (d holds forged
-// tags), from the image's base (e), its end (f) or another segment's (g);
-// with the mutation check on, it names the verdict that LumMemFree reports.
+// Each row frees chunks of a to d, then a pointer `shift` from a chunk (d
+// and the free rest h hold forged tags), the image's base (e), its end (f)
+// or another segment's (g); with the mutation check on, the free reports.
 TEST_P(AllocTest, FreesOfPointersThatNameNoLiveChunkChangeNothing) {
     uint8_t *elsewhere = AllocLogged(Segment(4096), 40);
     const char *kNone = "", *kFree = "Free memory write", *kInvalid = "Invalid pointer write",
@@ -164,16 +158,21 @@ TEST_P(AllocTest, FreesOfPointersThatNameNoLiveChunkChangeNothing) {
         {"a forged chunk above a forged free one", "", 'd', 16, LUM_RC_DOUBLE_FREE, kNone},
         {"the front fence", "", 'a', -16, LUM_RC_DOUBLE_FREE, kNotFound},
         {"a chunk of another segment", "", 'g', 0, LUM_RC_DOUBLE_FREE, kNotFound},
+        {"a forged live chunk inside a free one", "", 'h', 20, LUM_RC_DOUBLE_FREE, kFree},
     };
-    const std::pair<uint32_t, uint32_t> forged[] = {{4, 16},  {8, 17},  {12, 16}, {16, 16},
-                                                    {20, 17}, {24, 16}, {36, 16}};
+    const std::pair<uint32_t, uint32_t> forged[] = {
+        {4, 16}, {8, 17}, {12, 16}, {16, 16}, {20, 17}, {24, 16}, {36, 16}, {60, 16}, {72, 16}};
     for (int32_t check : {0, 1})
         for (auto [what, freed, target, shift, code, verdict] : rows) {
+            if (target == 'h' && !check)
+                continue; // only the check can tell a forged chunk from a live one
             SCOPED_TRACE(std::string(what) + (check ? ", checked" : ""));
             LumSegment *segment = Segment(4096);
             auto chunk = [&] { return AllocLogged(segment, 40); };
             uint8_t *end = region_->base + region_->used; // the image's end
-            uint8_t *chunks[] = {chunk(), chunk(), chunk(), chunk(), region_->base, end, elsewhere};
+            uint8_t *chunks[8] = {chunk(),       chunk(), chunk(),  chunk(),
+                                  region_->base, end,     elsewhere};
+            chunks[7] = chunks[3] + 44;
             for (auto [at, tag] : forged)
                 LumMemLogCpyUnsigned(segment, chunks[3] + at, tag);
             for (const char *name = freed; *name != '\0'; ++name)
@@ -182,20 +181,25 @@ TEST_P(AllocTest, FreesOfPointersThatNameNoLiveChunkChangeNothing) {
             uint32_t logged = region_->log_buffer->used;
             lumtest::LogCapture capture;
             region_mutation_check = check;
-            EXPECT_EQ(LumMemFree(segment, chunks[target - 'a'] + shift), code);
+            uint8_t *pointer = chunks[target - 'a'] + shift;
+            EXPECT_EQ(LumMemFree(segment, pointer), code);
             region_mutation_check = 0;
+            char text[160];
+            snprintf(text, sizeof text,
+                     "Attempted memory free error at '0x%p' in segment with ID = %u: %s",
+                     static_cast<void *>(pointer), before[0], verdict);
             auto reports = capture.Find(kSetError, 13);
             EXPECT_EQ(reports.size(), check && *verdict ? 1u : 0u);
             for (const lumtest::LogRecord &report : reports)
-                EXPECT_TRUE(report.text.ends_with(std::string(": ") + verdict)) << report.text;
+                EXPECT_EQ(report.text, text);
             EXPECT_EQ(FiguresOf(segment), before);
             EXPECT_EQ(region_->log_buffer->used, logged);
             EXPECT_EQ(LumRegionVerifyDeep(region_), 0);
         }
 }
 
-// Each row grows a segment of 64 KiB by allocations of 2000 bytes: the sizes
-// of its secondary extents, then the code that stops it (0: none).
+// A segment of 64 KiB grown by allocations of 2000 bytes: the sizes of its
+// secondary extents, then the code that stops it (0: none).
 TEST_P(AllocTest, SecondaryExtentsGrowByTheirPercentUntilSomethingStopsThem) {
     using Row =
         std::tuple<const char *, uint32_t, uint32_t, uint32_t, std::vector<uint32_t>, int32_t>;
@@ -234,8 +238,6 @@ TEST_P(AllocTest, SecondaryExtentsGrowByTheirPercentUntilSomethingStopsThem) {
     }
 }
 
-// A refused segment writes nothing and leaves the out argument alone; a
-// segment dropped through one handle cannot be dropped through another.
 TEST_P(AllocTest, SegmentsTakeTheLowestFreeIdDropOnceAndRefuseBadParameters) {
     const std::tuple<const char *, uint32_t, uint32_t, uint32_t> refused[] = {
         {"no primary extent", 0, 0, 0},
@@ -273,11 +275,9 @@ TEST_P(AllocTest, SegmentsTakeTheLowestFreeIdDropOnceAndRefuseBadParameters) {
     EXPECT_EQ(LumRegionDrop(region_), LUM_RC_SEGMENTS_REMAIN);
 }
 
-// Random allocations over several segments, filled while they are open and
-// ended with LumMemLog or LumMemNoLog, and frees, checked against a model of
-// the live chunks, the image proved sound. No store into an open allocation
-// may fault while the allocator and the ends of others protect the pages
-// around it; an ended one is read-only where the region protects.
+// Random allocations, filled while open and ended with LumMemLog or
+// LumMemNoLog, and frees, against a model of the live chunks. A store into
+// an open chunk must not fault while others' ends protect pages around it.
 TEST_P(AllocTest, RandomRunKeepsTheModelAndAVerifiableImage) {
     std::mt19937 random(12345);
     std::vector<LumSegment *> segments = {Segment(8192, 4096, 25), Segment(65536, 16384, 0),
@@ -333,9 +333,8 @@ TEST_P(AllocTest, RandomRunKeepsTheModelAndAVerifiableImage) {
               live.size());
 }
 
-// The scan returns each live chunk once, the primary extent's first and
-// then those of the secondary extents from the newest, skipping free ones;
-// after its end it stays ended, and a damaged tag ends it inside the image.
+// The primary extent's chunks first, then the secondaries' from the newest;
+// a damaged tag ends the scan inside the image.
 TEST_P(AllocTest, ScanWalksLiveChunksByExtentFromTheNewest) {
     auto scan_all = [](LumSegment *segment) {
         std::vector<void *> found;

@@ -1,6 +1,5 @@
-// Size bins and extents: the bin table at its seams, the order in which
-// bins hand items out, and extents that split, coalesce and give the end
-// of the image back, with the records each link change leaves.
+// Size bins and extents: bin seams, the order bins hand items out in, and
+// extents that split, coalesce and give the image's end back.
 #include "persistent_fixture.h"
 
 TEST(FreeListIndex, SeamsOfTheBinTable) {
@@ -24,7 +23,6 @@ class ExtentTest : public PersistentTest {
     LumRegion *region_ = nullptr;
 };
 
-// Free items put straight into extent_bins, at offsets of a grown image.
 TEST_F(ExtentTest, SmallBinsAreFirstInFirstOutAndLargerOnesBestFit) {
     ASSERT_EQ(_LumImageSetSize(region_, 2 * kMiB), 0);
     uint8_t *bins = region_->base + region_header::kExtentBins;
@@ -39,10 +37,9 @@ TEST_F(ExtentTest, SmallBinsAreFirstInFirstOutAndLargerOnesBestFit) {
     uint32_t from = region_->log_buffer->used;
     uint8_t *b = insert(0x20000, 64), *c = insert(0x30000, 64);
     RegionOffset a_link_up = static_cast<RegionOffset>(a - region_->base) + bin_array::kLinkUp;
-    bool logged = false;
-    for (const auto &record : BufferRecords(region_, from))
-        logged = logged || record.value == a_link_up;
-    EXPECT_TRUE(logged) << "the item the next one goes behind has its new link logged";
+    EXPECT_TRUE(std::ranges::any_of(BufferRecords(region_, from), [&](auto &record) {
+        return record.value == a_link_up;
+    })) << "the new link of the item the next one goes behind is logged";
     for (uint8_t *item : {a, b, c, static_cast<uint8_t *>(nullptr)})
         EXPECT_EQ(_LumFreeListFind(region_, bins, 64), item);
     uint8_t *s600 = insert(0x10000, 600), *s640 = insert(0x20000, 640);
@@ -58,8 +55,7 @@ TEST_F(ExtentTest, SmallBinsAreFirstInFirstOutAndLargerOnesBestFit) {
         EXPECT_EQ(_LumFreeListFind(region_, bins, size), item) << size;
 }
 
-// Extents of whole pages at F and on, split at their low end; freed, they
-// merge with free neighbours, and the last one gives the image back.
+// Extents of whole pages from F, split at their low end, merge when freed.
 TEST_F(ExtentTest, ExtentsSplitAtTheirLowEndMergeAndTheLastGivesTheImageBack) {
     uint8_t *first = Alloc(1);
     EXPECT_EQ(first, region_->base + FirstExtentOffset());
@@ -87,7 +83,7 @@ TEST_F(ExtentTest, ExtentsSplitAtTheirLowEndMergeAndTheLastGivesTheImageBack) {
     ASSERT_EQ(_LumExtentFree(region_, second), 0); // between two free extents
     EXPECT_EQ(ImageLoad32(first), 4 * Page() | CHUNK_FREE);
     EXPECT_EQ(ImageLoad32(big + 2 * Page() - 4), 4 * Page() | CHUNK_FREE);
-    // Each neighbour leaves its bin, the block enters one, its head and foot.
+    // Both neighbours leave their bins, the block enters one, its head and foot.
     auto records = BufferRecords(region_, from);
     std::vector<uint32_t> lengths;
     for (const ParsedRecord &record : records)

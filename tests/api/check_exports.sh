@@ -1,7 +1,5 @@
 #!/usr/bin/env bash
-# Checks that a shared library exports exactly the operations its public
-# header declares with the export macro: nothing hidden is visible, nothing
-# declared is missing.
+# A shared library exports exactly what its header declares with MACRO.
 #   check_exports.sh HEADER MACRO LIBRARY
 set -euo pipefail
 header=$1 macro=$2 library=$3

@@ -1,5 +1,4 @@
-/* The public headers compile as strict C99 and a C host can call through
- * them: start nothing, just use a few declarations and records. */
+/* The public headers compile as strict C99 and link from C. */
 #include <stdio.h>
 #include <string.h>
 

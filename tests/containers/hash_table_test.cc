@@ -1,5 +1,5 @@
-// The persistent hash table: a seeded model test across closes and opens at
-// new bases, the words of its layout, and its refusals and failure paths.
+// The persistent hash table: a seeded model across reopens at new bases,
+// the words of its layout, refusals and damaged chains.
 #include <algorithm>
 #include <array>
 #include <map>
@@ -11,9 +11,8 @@
 
 namespace {
 
-// An item holds an id and the values of keys 0, 1 and 2; a key to find is
-// a record of the same form. Ids rise with each insert, so among equal
-// values the lowest id is the oldest.
+// An item and a key to find: an id (rising with each insert) and the
+// values of keys 0, 1 and 2.
 struct Record {
     uint32_t id, value[3];
 };
@@ -54,13 +53,17 @@ int32_t Visit(void *item, void *ids) { // stops at ids divisible by the first el
 int32_t ById(LumRegHash *, const void *a, const void *b, void *) {
     return Of(a).id < Of(b).id ? -1 : Of(a).id > Of(b).id;
 }
+uint32_t SegmentCount(LumRegion *region) {
+    LumRegionInfo info{};
+    LumRegionGetInfo(region, &info);
+    return info.segment_count;
+}
 uint32_t SegmentId(LumSegment *segment) {
     LumSegmentInfo info{};
     LumSegmentGetInfo(segment, &info);
     return info.segment_id;
 }
 
-// What the table should hold: the open items by id.
 struct Model {
     uint32_t keys;
     std::map<uint32_t, void *> items;
@@ -74,7 +77,7 @@ struct Model {
                 found.push_back(id);
         return found;
     }
-    // Ids in the order of a cursor: by bucket of key 0, then by age.
+    // The order of a cursor: by bucket of key 0, then by age.
     std::vector<uint32_t> Order() const {
         std::vector<uint32_t> order;
         for (auto &[id, item] : items)
@@ -93,7 +96,7 @@ void ExpectChain(LumRegHash *table, const Model &model, uint32_t k, uint32_t val
     EXPECT_EQ(found, model.Matches(k, value)) << "key " << k << " value " << value;
 }
 
-// Takes every item the cursor returns and deletes each third one at once.
+// Deletes each third item as the cursor returns it.
 void CursorDeletingThirds(LumRegHash *table, Model &model) {
     std::vector<uint32_t> seen, order = model.Order();
     LumRegHashCursor *cursor = LumRegHashCursorOpen(table);
@@ -132,8 +135,8 @@ void Walks(LumRegHash *table, const Model &model, uint32_t stop) {
 
 class HashTableTest : public PersistentTest {
   protected:
-    // Commits, closes the region and opens it again while the old base is
-    // held, so the image comes back elsewhere; then compares the whole table.
+    // Reopens the region with the old base held, so the image moves, and
+    // compares the whole table.
     void ReopenAndCompare(LumRegion *&region, LumRegHash *&table, Model &model) {
         uint32_t id = SegmentId(LumRegHashSegment(table));
         ASSERT_EQ(LumRegionCommit(region), 0);
@@ -158,8 +161,6 @@ class HashTableTest : public PersistentTest {
     }
 };
 
-// Seeded random work on tables of two and three keys, checked against the
-// model at each step and whole after each close and open at a new base.
 TEST_F(HashTableTest, SeededWorkMatchesAModelAcrossClosesAndOpens) {
     for (uint32_t keys : {2u, 3u}) {
         SCOPED_TRACE(keys);
@@ -201,9 +202,7 @@ TEST_F(HashTableTest, SeededWorkMatchesAModelAcrossClosesAndOpens) {
         LumRegHashDestroy(table, FreeItem, &freed);
         EXPECT_EQ(freed, model.items.size());
         EXPECT_EQ(LumRegionVerifyDeep(region), 0);
-        LumRegionInfo info{};
-        LumRegionGetInfo(region, &info);
-        EXPECT_EQ(info.segment_count, 0u);
+        EXPECT_EQ(SegmentCount(region), 0u);
         EXPECT_EQ(LumRegionClose(region), 0);
         std::filesystem::remove(Path("p.tab"));
     }
@@ -214,9 +213,8 @@ int32_t VisitNothing(void *, void *) {
     return 0;
 }
 
-// The words of header, bucket pairs and links after inserts, deletes (the
-// first link, then the only one) and an insert into the emptied bucket. Key
-// indices beyond the keys give nothing and hash nothing.
+// Header, bucket pairs and links after inserts, deletes (the first link,
+// then the only one) and an insert into the emptied bucket.
 TEST_F(RegionTest, HashTableWordsAreTheDocumentedOnes) {
     LumRegion *region = Create(4 * kMiB, 4 * kMiB);
     LumRegHash *table = LumRegHashCreate(region, &kConfig, 3, kKeys, 2);
@@ -289,7 +287,6 @@ void ExpectRefused(const std::function<void *()> &call, uint32_t failing_malloc,
     EXPECT_EQ(texts, std::vector<std::string>{"4 " + report});
 }
 
-// A segment whose first chunk of `bytes` holds `words`.
 uint32_t SegmentHolding(LumRegion *region, std::vector<uint32_t> words, uint32_t bytes) {
     LumSegment *segment = NewSegment(region, 64 * 1024);
     if (bytes != 0)
@@ -299,10 +296,8 @@ uint32_t SegmentHolding(LumRegion *region, std::vector<uint32_t> words, uint32_t
     return id;
 }
 
-// Create and open refuse with their reports and leave no segment behind
-// (create) or the segment as it was (open). An item that cannot be had
-// raises the exception; a second free, a cursor and a sorted walk without
-// memory are refused.
+// Refused creates leave no segment behind, refused opens the segments as
+// they were.
 TEST_F(RegionTest, HashTableRefusalsReportAndLeaveNothingHalfDone) {
     LumRegion *region = Create(4 * kMiB, 4 * kMiB);
     const LumRegHashKey no_compare[2] = {kKeys[0], {Hash, nullptr, nullptr, nullptr}};
@@ -326,9 +321,7 @@ TEST_F(RegionTest, HashTableRefusalsReportAndLeaveNothingHalfDone) {
     };
     for (const auto &[call, failing_malloc, report] : creates)
         ExpectRefused(call, failing_malloc, create + report);
-    LumRegionInfo info{};
-    LumRegionGetInfo(region, &info);
-    EXPECT_EQ(info.segment_count, 0u);
+    EXPECT_EQ(SegmentCount(region), 0u);
 
     LumRegHash *table = LumRegHashCreate(region, &kConfig, 5, kKeys, 2);
     const uint32_t id = SegmentId(LumRegHashSegment(table));
@@ -357,15 +350,11 @@ TEST_F(RegionTest, HashTableRefusalsReportAndLeaveNothingHalfDone) {
     };
     for (const auto &[call, failing_malloc, report] : opens)
         ExpectRefused(call, failing_malloc, report);
-    LumRegionGetInfo(region, &info);
-    EXPECT_EQ(info.segment_count, 5u);
+    EXPECT_EQ(SegmentCount(region), 5u);
 
     EXPECT_EQ(LumRegHashAlloc(table, 0xFFFFFFF0u), nullptr);
-    LumException raised{};
-    ASSERT_EQ(LumThreadExceptionGet(&raised), 0);
-    EXPECT_EQ(std::string(raised.class_name) + "|" + raised.message + "|" + raised.value,
+    EXPECT_EQ(lumtest::TakeException(),
               "RegionHash|Failed to allocate persistent hash table entry|" + Text(-19));
-    LumThreadExceptionClear();
     ExpectRefused([&] { return LumRegHashCursorOpen(table); }, 1,
                   "LumRegHashCursorOpen: Failed to allocate memory for cursor. " + Text(12));
     void *item = Put(table, {1, {0, 0, 0}});
@@ -381,9 +370,8 @@ TEST_F(RegionTest, HashTableRefusalsReportAndLeaveNothingHalfDone) {
     EXPECT_EQ(LumRegionVerifyDeep(region), 0);
 }
 
-// A chain whose last link points back into it, past the image or into the
-// region header ends every walk with a report: find and the cursor stop
-// within the steps the image has room for.
+// A chain whose last link leads back into it, past the image or into the
+// region header ends find and the cursor with a report.
 TEST_F(RegionTest, HashTableDamagedChainsEndEveryWalk) {
     LumRegion *region = Create(4 * kMiB, 4 * kMiB);
     LumRegHash *table = LumRegHashCreate(region, &kConfig, 1, kKeys, 1);

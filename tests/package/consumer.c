@@ -1,5 +1,4 @@
-/* A host outside the project, built against an installed package: starts
- * the library, allocates in a scratch region and shuts down. */
+/* A host built against the installed package. */
 #include <stdio.h>
 
 #include "lumregion.h"

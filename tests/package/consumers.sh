@@ -1,11 +1,8 @@
 #!/usr/bin/env bash
-# Installs a build into a temporary prefix and builds two hosts against it,
-# one through find_package(lumregion CONFIG), one through pkg-config, and
-# runs both: the first in C++ with lumregion.hpp, the second in C.
+# Installs a build into a temporary prefix, then builds and runs a C++ host
+# found through find_package and a C host through pkg-config.
 #   consumers.sh BUILD_DIR LIBDIR GENERATOR C_COMPILER CXX_COMPILER [FLAGS]
-# LIBDIR is the build's CMAKE_INSTALL_LIBDIR; FLAGS (the build's sanitizer
-# flags) go to both consumers, as a sanitized library needs its runtime
-# loaded first.
+# FLAGS: the build's sanitizer flags, as a sanitized library needs its runtime.
 set -euo pipefail
 build=$1 libdir=$2 generator=$3 cc=$4 cxx=$5 flags=${6:-}
 here=$(cd "$(dirname "$0")" && pwd)

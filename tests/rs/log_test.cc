@@ -1,6 +1,9 @@
-// The log, the message catalogue, result-code texts and debug facilities.
+// The log, the message catalogue, result-code texts, debug facilities and
+// per-thread exceptions.
+#include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -11,11 +14,9 @@ namespace {
 
 using namespace rs_test;
 
-// Severity 1 needs its switch, the others are always written. A catalogue
-// text replaces the caller's format only when it takes the same arguments
-// (anything else would read arguments that were not passed), and a later
-// line replaces an earlier one. Without the file, or without a directory,
-// the default texts stand.
+// Severity 1 needs its switch. A catalogue text replaces the format only
+// when it takes the same arguments (others would read arguments never
+// passed); a later line wins. Without the file or directory, defaults stand.
 TEST(RsLogTest, RecordsFollowTheSwitchAndTakeCatalogueTextsOfTheSameArguments) {
     TempDir dir;
     LumCatalog *catalog = open_catalog(dir, "demo",
@@ -45,8 +46,7 @@ TEST(RsLogTest, RecordsFollowTheSwitchAndTakeCatalogueTextsOfTheSameArguments) {
     }
 }
 
-// Without a sink, records go to the file named by LUM_LOG_FILE, which a
-// process opens once: the writing happens in a child, from two threads.
+// LUM_LOG_FILE is read once per process: a child writes, from two threads.
 TEST(RsLogTest, RecordsWithoutASinkGoWholeLinesToTheLogFile) {
     TempDir dir;
     std::string path = dir.path() + "log";
@@ -60,18 +60,15 @@ TEST(RsLogTest, RecordsWithoutASinkGoWholeLinesToTheLogFile) {
     }
     int status = 0;
     waitpid(child, &status, 0);
-    std::ifstream file(path);
-    std::string all;
-    int lines = 0;
-    for (std::string line; std::getline(file, line); ++lines)
-        all += line + "\n";
-    EXPECT_EQ(lines, 2) << all;
+    std::ostringstream file;
+    file << std::ifstream(path).rdbuf();
+    std::string all = file.str();
+    EXPECT_EQ(std::ranges::count(all, '\n'), 2) << all;
     EXPECT_NE(all.find("progress 42"), std::string::npos) << all;
     EXPECT_NE(all.find("from a thread"), std::string::npos) << all;
 }
 
-// Registered codes take the catalogue's text where it has one; the texts of
-// unknown codes stay where they are while more are made.
+// The text of an unknown code stays where it is while more are made.
 TEST(RsResultCodeTest, RegisteredCodesGiveTheirTextsOthersAStableUnknownText) {
     TempDir dir;
     static const LumRCEntry kTable[] = {
@@ -86,8 +83,7 @@ TEST(RsResultCodeTest, RegisteredCodesGiveTheirTextsOthersAStableUnknownText) {
     EXPECT_STREQ(unknown, "Unknown error -7403");
 }
 
-// LUM_DEBUG switches listed facilities on at registration; a set switches
-// every facility of the name, while its owner may be reading the word.
+// A set switches every facility of the name while its owner may be reading.
 TEST(RsDebugFacilityTest, LumDebugSwitchesOnAtRegistrationAndSetSwitchesAtRunTime) {
     static int32_t listed = 0, unlisted = 0, twin = 0;
     ScopedEnv debug("LUM_DEBUG", "other, dbg_listed ,more");
@@ -103,6 +99,33 @@ TEST(RsDebugFacilityTest, LumDebugSwitchesOnAtRegistrationAndSetSwitchesAtRunTim
     reader.join();
     EXPECT_EQ(unlisted + twin, 2);
     EXPECT_EQ(LumDebugFacilitySet("dbg_nobody", 1), ENOENT);
+}
+
+// A raise is logged, handed to the handler, and pending in its own thread
+// alone until cleared.
+TEST(RsExceptionTest, RaiseRecordsLogsAndCallsTheHandlerUntilCleared) {
+    std::vector<std::string> seen;
+    LumThreadExceptionSetHandler(
+        [](void *context, const LumException *exception) {
+            static_cast<std::vector<std::string> *>(context)->push_back(exception->message);
+        },
+        &seen);
+    rs_test::LogCapture capture;
+    LumValue value{LUM_VALUE_STRING, 0, {.string = {"Invalid chunk, and more", 13}}};
+    const uint32_t self = LumThreadGetID();
+    EXPECT_EQ(LumThreadExceptionRaise(self, "RegionHash", nullptr, 0, 0, "Insert failed", &value,
+                                      nullptr, 0, nullptr),
+              0);
+    LumThreadExceptionSetHandler(nullptr, nullptr);
+    EXPECT_EQ(seen, std::vector<std::string>{"Insert failed"});
+    EXPECT_EQ(capture.Lines(), std::vector<std::string>{
+                                   "4 0/0 Exception RegionHash: Insert failed (Invalid chunk)"});
+    LumException pending{};
+    ASSERT_EQ(LumThreadExceptionGet(&pending), 0);
+    EXPECT_EQ(pending.thread_id, self);
+    std::thread([] { EXPECT_EQ(lumtest::TakeException(), ""); }).join();
+    EXPECT_EQ(lumtest::TakeException(), "RegionHash|Insert failed|Invalid chunk");
+    EXPECT_EQ(lumtest::TakeException(), "") << "cleared";
 }
 
 } // namespace

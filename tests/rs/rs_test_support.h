@@ -1,5 +1,4 @@
-// Helpers of the runtime-layer tests: scoped environment variables and a
-// catalogue from text, beside the temporary directory and log capture.
+// Helpers of the runtime layer's tests.
 #pragma once
 
 #include <optional>

@@ -1,4 +1,5 @@
-// Paths, environment expansion and UTF-8/UTF-16 conversion.
+// Paths, environment expansion and UTF-8/UTF-16 conversion, and their
+// allocation failures.
 #include <gtest/gtest.h>
 
 #include "rs_test_support.h"
@@ -7,7 +8,6 @@ namespace {
 
 using rs_test::ScopedEnv;
 
-// The library joins directory and name into buffers of their exact size.
 TEST(RsConstructPathTest, JoinsUpToTheNullArgumentWithinTheSize) {
     char buffer[8];
     EXPECT_EQ(LumConstructPath(buffer, sizeof buffer, "/dat", "a/", "x", nullptr), 0);
@@ -36,8 +36,7 @@ TEST(RsEnvExpandTest, ExpandsBothFormsAndRejectsAnUnclosedBrace) {
     }
 }
 
-// Valid text converts both ways, a surrogate pair included; each class of
-// invalid input is refused with no string.
+// Each class of invalid input is refused with no string.
 TEST(RsWideStringTest, ConvertsValidTextBothWaysAndRefusesEachClassOfInvalidInput) {
     const std::pair<const char *, std::u16string> utf8[] = {
         {"a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", {0x61, 0xE9, 0x20AC, 0xD83D, 0xDE00}},
@@ -63,7 +62,6 @@ TEST(RsWideStringTest, ConvertsValidTextBothWaysAndRefusesEachClassOfInvalidInpu
         lum_free(wide);
         lum_free(back);
     }
-    // Unpaired surrogates: a high one without a low one, and the reverse.
     for (const std::u16string &wide :
          {std::u16string{u'a', 0xD800}, std::u16string{0xDC00, u'a'}}) {
         char *text = reinterpret_cast<char *>(1);
@@ -71,6 +69,23 @@ TEST(RsWideStringTest, ConvertsValidTextBothWaysAndRefusesEachClassOfInvalidInpu
                   EILSEQ);
         EXPECT_EQ(text, nullptr);
     }
+}
+
+// The first lum_malloc of `make` fails: ENOMEM and no string; the next works.
+template <class T> void ExpectNoMemoryOnce(int32_t (*make)(T **)) {
+    T *made = reinterpret_cast<T *>(1);
+    lum_malloc_fail_at(1);
+    EXPECT_EQ(make(&made), ENOMEM);
+    EXPECT_EQ(made, nullptr);
+    EXPECT_EQ(make(&made), 0);
+    lum_free(made);
+}
+
+TEST(RsMemoryTest, StringOperationsReportNoMemoryOnce) {
+    static const uint16_t kWideA[] = {'a', 0};
+    ExpectNoMemoryOnce<char>([](char **text) { return LumEnvExpandString("a$b", text); });
+    ExpectNoMemoryOnce<uint16_t>([](uint16_t **wide) { return LumWStringStrToWStr("abc", wide); });
+    ExpectNoMemoryOnce<char>([](char **text) { return LumWStringWStrToStr(kWideA, text); });
 }
 
 } // namespace

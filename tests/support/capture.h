@@ -1,5 +1,4 @@
-// Helpers that need only the runtime layer, so its own tests share them: a
-// log sink that captures records, and a private temporary directory.
+// Helpers that need only the runtime layer, shared with its own tests.
 #pragma once
 
 #include <cstdlib>
@@ -15,8 +14,7 @@ namespace lumtest {
 
 struct LogRecord {
     int32_t severity;
-    uint32_t set;
-    uint32_t id;
+    uint32_t set, id;
     std::string text;
 };
 
@@ -29,7 +27,6 @@ class LogCapture {
         std::lock_guard<std::mutex> hold(mutex_);
         return records_;
     }
-    // Records with this catalogue set and id.
     std::vector<LogRecord> Find(uint32_t set, uint32_t id) const {
         std::vector<LogRecord> found = Records();
         std::erase_if(found, [&](const LogRecord &r) { return r.set != set || r.id != id; });
@@ -54,8 +51,17 @@ class LogCapture {
     std::vector<LogRecord> records_;
 };
 
-// A fresh directory under the system's temporary directory, removed with
-// its files on scope exit. path() ends in '/'.
+// The exception pending in this thread as "<class>|<message>|<value>",
+// cleared; empty when there is none.
+inline std::string TakeException() {
+    LumException raised{};
+    if (LumThreadExceptionGet(&raised) != 0)
+        return "";
+    LumThreadExceptionClear();
+    return std::string(raised.class_name) + "|" + raised.message + "|" + raised.value;
+}
+
+// A fresh temporary directory, removed on scope exit; path() ends in '/'.
 class TempDir {
   public:
     TempDir() : path_((std::filesystem::temp_directory_path() / "lumtest-XXXXXX").string()) {
@@ -68,7 +74,7 @@ class TempDir {
         std::filesystem::remove_all(path_, ignored);
     }
     const std::string &path() const { return path_; }
-    // Writes `content` to the file `name` in the directory; gives its path.
+    // The path of file `name`, written with `content`.
     std::string Write(const std::string &name, const std::string &content) const {
         std::ofstream(path_ + name) << content;
         return path_ + name;

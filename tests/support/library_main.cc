@@ -1,5 +1,4 @@
-// The region suites share one started library, as a host would: it starts
-// once per process, so start-up itself is tested in a suite of its own.
+// The region suites share one started library, as a host would.
 #include <gtest/gtest.h>
 
 #include "lumregion.h"

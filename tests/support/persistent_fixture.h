@@ -1,5 +1,5 @@
-// A fixture for persistent regions in a private directory, with readers for
-// the files they leave: file headers and the records of a log.
+// A fixture for persistent regions in a private directory, and readers of
+// log records.
 #pragma once
 
 #include <algorithm>
@@ -12,24 +12,17 @@
 #include "verify/verify.h"
 
 struct ParsedRecord {
-    uint32_t offset; // in the file
-    uint32_t type;
-    uint32_t length;
-    uint32_t value;
-    std::vector<uint8_t> payload;
+    uint32_t offset, type, length, value; // offset: in the file
+    std::vector<uint8_t> payload = {};
 };
 
-// The records of a log's bytes from offset 32; stops at a record that does
-// not fit the file.
+// The records of a log's bytes, up to one that does not fit.
 inline std::vector<ParsedRecord> ParseLog(const std::vector<uint8_t> &bytes) {
     std::vector<ParsedRecord> records;
     uint32_t at = file_header::kSize;
     while (at + log_record::kHeadSize <= bytes.size()) {
-        ParsedRecord record{at,
-                            ImageLoad32(&bytes[at]),
-                            ImageLoad32(&bytes[at + 4]),
-                            ImageLoad32(&bytes[at + 8]),
-                            {}};
+        const uint8_t *head = &bytes[at];
+        ParsedRecord record{at, ImageLoad32(head), ImageLoad32(head + 4), ImageLoad32(head + 8)};
         uint32_t size = log_record::Size(record.type, record.length);
         if (at + size > bytes.size())
             break;
@@ -68,13 +61,13 @@ class PersistentTest : public RegionTest {
     }
     bool Exists(const std::string &file) const { return std::filesystem::exists(Path(file)); }
 
-    // Appends a commit and writes the buffer, as a commit does.
+    // A commit's record and flush, without a checkpoint.
     static void Commit(LumRegion *region) {
         _LumLogBufferAppend(region, LOG_COMMIT, 0, 0);
         _LumLogBufferFlush(region);
     }
 
-    // Stores `byte` over [offset, offset + length) of the image and announces it.
+    // Stores `byte` over `length` bytes at `offset` and marks them dirty.
     static void Change(LumRegion *region, uint32_t offset, uint32_t length, uint8_t byte) {
         memset(region->base + offset, byte, length);
         _LumImageMarkDirty(region, region->base + offset, length);

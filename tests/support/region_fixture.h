@@ -1,5 +1,4 @@
-// A fixture for tests on volatile regions of a started library: it creates
-// regions on request and closes what a test leaves open.
+// A fixture for volatile regions of a started library: closes what a test leaves open.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,7 +11,6 @@
 
 constexpr uint32_t kMiB = 1024 * 1024;
 
-// A new segment of `region`, made or failed.
 inline LumSegment *NewSegment(LumRegion *region, uint32_t primary, uint32_t secondary = 0,
                               uint32_t growth = 0, uint32_t maximum = 0) {
     LumSegment *segment = nullptr;

@@ -55,7 +55,7 @@ template <typename Pass> ssize_t FileFaults::Write(size_t count, Pass pass) {
         return pass(count);
     if (active_->short_write)
         return pass(count / 2);
-    errno = active_->write_errno;
+    errno = ENOSPC;
     return -1;
 }
 

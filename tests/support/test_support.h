@@ -1,6 +1,5 @@
-// Shared helpers of the library's test suites: guards that swap platform
-// entries or schedule lum_malloc failures and put things back, and a way to
-// run a piece of a test in a child process; with those of capture.h.
+// Helpers of the library's suites: guards that swap platform entries or
+// fail a lum_malloc and put things back, and child processes.
 #pragma once
 
 #include <cerrno>
@@ -14,8 +13,7 @@
 
 namespace lumtest {
 
-// Restores the whole platform table when it goes out of scope, so a test
-// may replace any entries it likes.
+// Restores the whole platform table on scope exit.
 class PlatformGuard {
   public:
     PlatformGuard() : saved_(lum_platform) {}
@@ -33,26 +31,22 @@ struct MallocFailure {
     ~MallocFailure() { lum_malloc_fail_at(0); }
 };
 
-// Runs `body` in a forked child and returns its exit status as waitpid
-// reports it. The child exits with body's result, or dies of a signal.
+// The waitpid status of a forked child that exits with body's result.
 int RunInChild(const std::function<int()> &body);
 
-// Runs `access` in a forked child that turns SIGSEGV and SIGBUS into an
-// exit of its own: true when the access faulted.
+// True when `access`, run in a forked child, raises SIGSEGV or SIGBUS.
 bool FaultsInChild(const std::function<void()> &access);
 // The exit code of a child that exited normally, -1 otherwise.
 int ExitCode(int status);
 
-// One call of a virtual-memory entry, as a recording platform saw it.
 struct VmCall {
     void *address;
     size_t length;
     int writable; // protect only
 };
 
-// Records the commit, decommit and protect calls made while it lives, and
-// passes them on to the system. Calls fail on purpose when the matching
-// fail_ flag is set.
+// Records the commit, decommit and protect calls made while it lives and
+// passes them on, or fails them when the fail_ flag is set.
 struct VmRecorder {
     VmRecorder();
     ~VmRecorder() { active_ = nullptr; }
@@ -64,21 +58,18 @@ struct VmRecorder {
     PlatformGuard guard_;
 };
 
-// Makes chosen file calls fail while it lives; every other call goes to the
-// system. Counts the writes and opens it sees.
+// Fails chosen file calls while it lives and passes the others on.
 struct FileFaults {
     FileFaults();
     ~FileFaults() { active_ = nullptr; }
-    int fail_write_at = 0;        // the n-th write from now fails (1 is the next)
-    int write_errno = ENOSPC;     // ... with this errno, or
-    bool short_write = false;     // ... writes half and reports it
+    int fail_write_at = 0;        // the n-th write from now fails with ENOSPC (1 is the next)
+    bool short_write = false;     // ... or writes half and reports it
     std::string fail_open_suffix; // opens of paths ending so fail with EACCES
     bool fail_rename = false;     // renames fail with EXDEV
     bool fail_ftruncate = false;  // truncates fail with EIO
     int writes = 0, opens = 0;
 
   private:
-    // A write (or pwrite) through `pass`, unless it is the one that fails.
     template <typename Pass> static ssize_t Write(size_t count, Pass pass);
     static inline FileFaults *active_;
     PlatformGuard guard_;

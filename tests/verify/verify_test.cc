@@ -1,5 +1,4 @@
-// Region verification of damaged images: each damage gives its code, and no
-// walk reads outside the image (the asan preset runs these too).
+// Region verification of damaged images; no walk may read outside the image.
 #include <cstring>
 #include <functional>
 
@@ -7,10 +6,9 @@
 
 class VerifyTest : public PersistentTest {};
 
-// Each row damages a sound image with one change, put back after the row:
-// a segment over three extents with two free chunks in one ring, and a free
-// extent of a stale kind 1. The plain and the deep walk give their codes (0:
-// only the deep one looks there); each code but -492 has a text.
+// A segment over three extents with two free chunks in one ring, and a free
+// extent of a stale kind 1; each row damages it once, with the codes of the
+// plain and the deep walk (0: only the deep one looks there).
 TEST_F(VerifyTest, EachDamageGivesItsCode) {
     LumRegion *r = CreatePersistent("verify", 16 * kMiB, 16 * kMiB, kMiB);
     LumSegment *segment = NewSegment(r, 4096, 4096);

@@ -1,4 +1,4 @@
-// The host of ../consumer.c, written with lumregion.hpp.
+// ../consumer.c written with lumregion.hpp.
 #include <cstdio>
 
 #include "lumregion.hpp"
