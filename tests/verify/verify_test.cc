@@ -63,6 +63,7 @@ TEST_F(VerifyTest, EachDamageGivesItsCode) {
         {"extent foot tag", [&] { add(s + page - 4, page); }, 0, -488},
         {"a free gap word", [&] { set(base + FirstExtentOffset() - 4, 1); }, 0, -488},
         {"free chunks counted once more", [&] { add(stats + 12, 1); }, -490, -490},
+        {"live chunks counted once more", [&] { add(stats + 20, 1); }, -490, -490},
         {"extents counted once more", [&] { add(stats, 1); }, 0, -490},
         {"free chunk unlinked from its ring", [&] { _LumFreeListRemove(r, one); }, 0, -486},
         {"free chunk in the wrong bin",
