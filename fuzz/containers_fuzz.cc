@@ -4,6 +4,7 @@
 // taken for a list header, walked both ways, indexed, cut and flushed.
 // None may loop or read or write outside the image, whatever its links say.
 #include <cstring>
+#include <vector>
 
 #include "fuzz_support.h"
 
@@ -54,18 +55,22 @@ void WalkList(LumSegment *segment, uint8_t *base, LumRegList *list) {
     LumRegListFlush(segment, base, list, nullptr, nullptr);
 }
 
+// The scan ends before the walks begin: their writes may land on any tag.
 void WalkLists(LumRegion *region, uint32_t id) {
     LumSegment *segment;
     LumSegmentScan *scan;
     if (LumSegmentOpen(region, id, &segment) != 0)
         return;
+    std::vector<LumRegList *> lists;
     if (LumSegmentScanBegin(segment, &scan) == 0) {
         void *chunk;
-        for (int lists = 0; lists < 4 && LumSegmentScanNext(scan, &chunk) == 0; ++lists)
+        while (lists.size() < 4 && LumSegmentScanNext(scan, &chunk) == 0)
             if (LumMemGetSize(chunk) >= 28)
-                WalkList(segment, region->base, static_cast<LumRegList *>(chunk));
+                lists.push_back(static_cast<LumRegList *>(chunk));
         LumSegmentScanEnd(scan);
     }
+    for (LumRegList *list : lists)
+        WalkList(segment, region->base, list);
     LumSegmentClose(segment);
 }
 
