@@ -377,6 +377,7 @@ TEST_F(RegionTest, HashTableDamagedChainsEndEveryWalk) {
     LumRegHash *table = LumRegHashCreate(region, &kConfig, 1, kKeys, 1);
     uint8_t *last = static_cast<uint8_t *>(Put(table, {1, {5, 0, 0}})) - 8; // its link
     Put(table, {2, {6, 0, 0}});                                             // heads the chain
+    const uint32_t kept = ImageLoad32(last);
     const std::pair<const char *, uint32_t> damage[] = {{"a circle", ImageOffsetOf(region, last)},
                                                         {"past the image", region->used + 4096},
                                                         {"the region header", 64}};
@@ -394,7 +395,18 @@ TEST_F(RegionTest, HashTableDamagedChainsEndEveryWalk) {
         EXPECT_LE(returned, region->used / 8);
         EXPECT_EQ(capture.Find(102, 0).size(), 2u);
     }
-    ImageStore32(last, 0);
+    ImageStore32(last, kept);
+    // A damaged item count cannot size the sorted walk's memory.
+    LumSegmentScan *scan = nullptr;
+    void *header = nullptr;
+    LumSegmentScanBegin(LumRegHashSegment(table), &scan);
+    LumSegmentScanNext(scan, &header);
+    LumSegmentScanEnd(scan);
+    ImageStore32(static_cast<uint8_t *>(header) + 12, 0xFFFFFFFF);
+    std::vector<uint32_t> ids{1000};
+    EXPECT_EQ(LumRegHashWalk(table, Visit, &ids, 1, ById, nullptr), 0);
+    EXPECT_EQ(ids, (std::vector<uint32_t>{1000, 1, 2}));
+    ImageStore32(static_cast<uint8_t *>(header) + 12, 2);
     LumRegHashClose(table);
 }
 

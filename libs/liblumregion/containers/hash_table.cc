@@ -22,6 +22,7 @@
 //   3. Every inserted item stands on exactly one chain of every key, so
 //      walks, flush and cursors follow key 0 alone and see each item once.
 // Every change goes through the logged writes; nothing here commits.
+#include <algorithm>
 #include <cstring>
 
 #include "alloc/layout.h"
@@ -477,6 +478,9 @@ int32_t LumRegHashWalk(LumRegHash *table, LumRegHashVisit visit, void *argument,
     uint32_t items = Word(table->header, hash_header::kItemCount);
     if (items == 0)
         return 0;
+    // The header's count sizes the sorted walk's memory, so it is not trusted
+    // beyond the image's room for items: one link pair per key each.
+    items = std::min(items, ChainSteps(table) / table->key_count);
     if (sorted != 0)
         return WalkSorted(table, items, visit, argument, order, order_argument);
     for (uint32_t b = 0; b < BucketCount(table); ++b)
