@@ -4,12 +4,16 @@
 # records whether the suite noticed (killed) or not (survived).
 #
 #   scripts/mutate.sh [--rev REV | --tree DIR] [--only ID,...] [--out FILE]
+#                     [--exclude REGEX]
 #
 #   --rev REV   a detached worktree of REV (default HEAD) in a temporary
 #               directory, removed at the end
 #   --tree DIR  an existing checkout, mutated in place and restored
 #   --only IDS  only these mutants, by id, separated by commas
-#   --out FILE  the results (default build-mutate/results.txt)
+#   --out FILE  the results (default build-mutate/results.txt); FILE.tests
+#               gets every test that killed each mutant, to show which tests
+#               are the only ones to kill some mutant
+#   --exclude REGEX  leaves out the ctest tests that match (the long loops)
 #
 # The mutants always come from this script's own checkout, so that one list
 # measures any revision. The build (Debug, no sanitizers, no benchmarks)
@@ -23,11 +27,11 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 mutants=$root/scripts/mutants.txt
-rev=HEAD tree='' only='' out=$root/build-mutate/results.txt
+rev=HEAD tree='' only='' out=$root/build-mutate/results.txt exclude=()
 test_seconds=${MUTATE_TEST_SECONDS:-180}
 
 usage() {
-    echo "usage: $0 [--rev REV | --tree DIR] [--only ID,...] [--out FILE]" >&2
+    echo "usage: $0 [--rev REV | --tree DIR] [--only ID,...] [--out FILE] [--exclude REGEX]" >&2
     exit 2
 }
 
@@ -37,6 +41,7 @@ while (($#)); do
     --tree) tree=$(cd "${2:?}" && pwd); shift 2 ;;
     --only) only=,${2:?},; shift 2 ;;
     --out) out=$(realpath -m "${2:?}"); shift 2 ;;
+    --exclude) exclude=(-E "${2:?}"); shift 2 ;;
     *) usage ;;
     esac
 done
@@ -60,6 +65,7 @@ fi
 build=$tree/build-mutate
 mkdir -p "$build" "$(dirname "$out")"
 : >"$out"
+: >"$out.tests"
 
 rebuild() {
     cmake --build "$build" --target region_test startup_test lumregion-torture >"$build/build.log" 2>&1
@@ -69,14 +75,20 @@ rebuild() {
 run_suite() {
     local deadline
     deadline=$(date -d "+$test_seconds sec" +%H:%M:%S)
-    (cd "$build" && ctest -j2 --no-tests=error --stop-time "$deadline") >"$build/test.log" 2>&1
+    (cd "$build" && ctest -j2 --no-tests=error --stop-time "$deadline" "${exclude[@]}") >"$build/test.log" 2>&1
+}
+
+# Every test that the last run failed, one a line, without its number
+# and verdict.
+all_failed_tests() {
+    awk '/The following tests FAILED:/ { listed = 1; next }
+         listed && / - / { sub(/^[ \t]*[0-9]+ - /, ""); sub(/ \(.*$/, ""); print }' "$build/test.log"
 }
 
 # The tests that the last run failed: the first of them and how many more.
 failed_tests() {
-    awk '/The following tests FAILED:/ { listed = 1; next }
-         listed && / - / { sub(/^[ \t]*[0-9]+ - /, ""); if (!n++) first = $0 }
-         END { if (n) printf "%s%s", first, (n > 1 ? " +" (n - 1) " more" : "") }' "$build/test.log"
+    all_failed_tests | awk '!n++ { first = $0 }
+        END { if (n) printf "%s%s", first, (n > 1 ? " +" (n - 1) " more" : "") }'
 }
 
 # Replaces the one occurrence of $2 in file $1 by $3 (\n: a line break).
@@ -126,6 +138,7 @@ while IFS= read -r line; do
             status=survived detail=$what
         else
             status=killed detail="by $(failed_tests)"
+            echo "$id $(all_failed_tests | tr '\n' ' ')" >>"$out.tests"
         fi
         # A fresh modification time, so that the next build undoes this mutant.
         cp "$backup" "$file"
