@@ -162,10 +162,8 @@ int32_t _LumLogApply(LumRegion *region, int fd, uint8_t *buffer, bool neutralise
             if (int32_t rc = _LumImageSetSize(region, record.value); rc != 0)
                 return rc;
             uint32_t grown = region->used.load(std::memory_order_relaxed);
-            if (grown > used) {
+            if (grown > used)
                 _LumPageUnprotect(region, region->base + used, grown - used);
-                lum_platform.populate(region->base + used, grown - used); // no fault per page
-            }
             used = grown;
         } else if (record.type == LOG_CHECKPOINT && neutralise) {
             uint8_t commit[4];

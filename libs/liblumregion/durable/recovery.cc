@@ -57,7 +57,6 @@ int32_t RestoreImage(LumRegion *region, const RecoveryFile &file) {
     }
     auto size = static_cast<uint32_t>(file.size);
     _LumPageUnprotect(region, region->base, size);
-    lum_platform.populate(region->base, size); // no fault per page in the read
     if (_LumPread(file.fd, region->base, size, 0) != static_cast<ssize_t>(size)) {
         LumLog(LUM_LOG_ERROR, 1, region_catalog, kSetError, 3, "Unable to restore image 2 for %s",
                region->name);

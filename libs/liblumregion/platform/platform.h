@@ -13,9 +13,9 @@
 //             addresses stay reserved.
 //   release   gives a whole reservation back.
 //   protect   sets whole pages read-only (writable == 0) or read-write.
-//   populate  puts memory behind committed pages ahead of a bulk fill, so
-//             that the fill takes no page fault per page. Only a matter of
-//             speed: callers ignore a failure.
+//   populate  puts memory behind committed pages, so that stores into
+//             them take no page fault per page. Only a matter of speed:
+//             callers ignore a failure.
 //   flush_write_buffers
 //             makes every store that any thread of the process has made
 //             before the call visible to the caller, by having each of

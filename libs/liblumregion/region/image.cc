@@ -68,6 +68,9 @@ int32_t MoveCommitted(LumRegion *region, uint64_t target) {
             return LUM_RC_EXTEND; // beyond the reservation
         if (lum_platform.commit(region->base + region->committed, target - region->committed) != 0)
             return LUM_RC_EXTEND;
+        // Memory behind the new pages at once, so that neither the logged
+        // writes nor a restore or replay take a fault per page.
+        lum_platform.populate(region->base + region->committed, target - region->committed);
     } else if (target < region->committed) {
         if (lum_platform.decommit(region->base + target, region->committed - target) != 0)
             LumLog(LUM_LOG_ERROR, 1, region_catalog, kSetError, 1, "VF error %p %u %u",
