@@ -5,17 +5,18 @@
 
 namespace {
 
-// The data forces by descriptor; the n-th (from 1) or every directory force fails.
+// The data forces by descriptor; those whose bit (1 << n for the n-th, from
+// 1) is set, or every directory force, fail.
 struct Forces {
     std::vector<int> data;
     int directories = 0;
-    size_t fail_data_at = 0;
+    uint32_t fail_data = 0;
     bool fail_directory = false;
 } forces;
 
 int RecordDataForce(int fd) {
     forces.data.push_back(fd);
-    if (forces.data.size() == forces.fail_data_at)
+    if (forces.fail_data >> forces.data.size() & 1)
         return errno = EIO, -1;
     return lum_platform_system.fdatasync(fd);
 }
@@ -47,16 +48,19 @@ class SyncCommitTest : public PersistentTest {
 
 // On, the directory is forced at create, the log at each commit and the chk
 // file before the commit that acknowledges it. The host sees a failed log in
-// the log state; the chk file's failed force keeps its checkpoint unacknowledged.
+// the log state, from the first failed log of a run; the chk file's failed
+// force keeps its checkpoint unacknowledged.
 TEST_F(SyncCommitTest, EachForceComesBeforeWhatItCoversAndAFailedOneIsSeen) {
-    const std::tuple<const char *, int32_t, size_t, bool, bool> rows[] = {
-        // what, sync, data force to fail, log failed, checkpoint acknowledged
-        {"no failure", 1, 0, false, true},
-        {"the commit's force", 1, 1, true, true},
-        {"the chk file's force", 1, 2, false, false},
-        {"the log write, property off", 0, 0, true, true},
+    const std::tuple<const char *, int32_t, uint32_t, bool, bool, bool> rows[] = {
+        // what, sync, data forces to fail, log failed, checkpoint acknowledged,
+        // log still failing after the acknowledgement
+        {"no failure", 1, 0, false, true, false},
+        {"the commit's force", 1, 1 << 1, true, true, false},
+        {"the chk file's force", 1, 1 << 2, false, false, false},
+        {"the commit's and the next log's force", 1, 1 << 1 | 1 << 3, true, true, true},
+        {"the log write, property off", 0, 0, true, true, false},
     };
-    for (auto [what, sync, fail_at, log_failed, acknowledged] : rows) {
+    for (auto [what, sync, fail_data, log_failed, acknowledged, still_failing] : rows) {
         SCOPED_TRACE(what);
         region_sync_commit = sync;
         forces = {};
@@ -65,7 +69,7 @@ TEST_F(SyncCommitTest, EachForceComesBeforeWhatItCoversAndAFailedOneIsSeen) {
         ASSERT_EQ(LumRegionCheckpoint(region), 0);
         LumRegionCommit(region);
         forces = {};
-        forces.fail_data_at = fail_at;
+        forces.fail_data = fail_data;
         Change(region, 3000, 8, 2);
         uint32_t generation = region->generation;
         int log = region->log_fd[generation % 2];
@@ -80,14 +84,15 @@ TEST_F(SyncCommitTest, EachForceComesBeforeWhatItCoversAndAFailedOneIsSeen) {
         int chk = region->chk_fd[region->generation % 2];
         LumRegionCommit(region);
         int next_log = region->log_fd[region->generation % 2];
-        if (fail_at == 0) {
+        if (fail_data == 0) {
             EXPECT_EQ(forces.data, sync ? (std::vector{log, chk, next_log}) : std::vector<int>{});
         }
         auto records =
             ParseLog(Read(std::string(what) + (region->generation % 2 ? "_1" : "_0") + ".log"));
         EXPECT_EQ(std::ranges::count(records, LOG_CHECKPOINT, &ParsedRecord::type),
                   acknowledged ? 1 : 0);
-        EXPECT_EQ(LogState(region).failed, 0) << "the next log takes commits again";
+        EXPECT_EQ(LogState(region).failed, still_failing ? 1 : 0) << "the next log takes commits";
+        EXPECT_EQ(LogState(region).failed_since, still_failing ? generation : 0);
         EXPECT_EQ(LumRegionDrop(region), 0);
     }
     region_sync_commit = 1;
