@@ -105,6 +105,12 @@ TEST_F(PersistentTest, SyncAllSyncsEveryRegionIntoTheExpandedPathAndReturnsTheFi
     }
     setenv("LUM_SYNC_TEST_DIR", dir_.path().c_str(), 1);
     {
+        lumtest::FileFaults faults; // p fails at its open, q and r at their renames
+        faults.fail_open_suffix = "p.tabnew";
+        faults.fail_rename = true;
+        EXPECT_EQ(LumRegionSyncAll("${LUM_SYNC_TEST_DIR}all"), EACCES) << "the first failure";
+    }
+    {
         lumtest::FileFaults faults;
         faults.fail_open_suffix = "q.tabnew";
         EXPECT_EQ(LumRegionSyncAll("${LUM_SYNC_TEST_DIR}all"), EACCES);
