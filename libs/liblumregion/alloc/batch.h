@@ -123,10 +123,11 @@ template <bool kProtects> class ChangeBatch {
     // A batch opens where the buffer would take a record of kRoom bytes.
     // While open, an operation appends at most nine records (a free that
     // merges on both sides: two unlinks of two records, an insert of two,
-    // head, foot and counters), each at most 12 + kLargestPayload bytes:
-    // 324 bytes. A record that goes alone reopens the batch, which tests
-    // the room again.
+    // head, foot and counters), each at most 12 + kLargestPayload bytes.
+    // A record that goes alone reopens the batch, which tests the room again.
+    static constexpr uint32_t kMostRecords = 9;
     static constexpr uint32_t kRoom = 512;
+    static_assert(kRoom >= kMostRecords * log_record::Size(LOG_DATA, kLargestPayload));
 
     // A record that the batch does not append: a volatile region does not
     // log; otherwise the batch closes, the record goes its ordinary way and
