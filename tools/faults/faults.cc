@@ -2,7 +2,7 @@
 // it comes through each with its promises kept.
 //
 //   lumregion-faults --io | --malloc | --damage [--cases N] [--cuts N]
-//                    [--seed S] [--dir D] [--show] [--only N]
+//                    [--seed S] [--dir D] [--show] [--only N] [--in-process]
 //
 // --io      runs the scripted workload (workload.h) once to number its file
 //           calls, then once per call with that call failing: once with
@@ -12,7 +12,8 @@
 // --malloc  runs it once per lum_malloc it reaches, with that one failing.
 // --damage  cuts and changes the bytes of a region's files (damage.cc):
 //           --cases seeded changes (100000), every cut of each file or,
-//           with --cuts, a seeded sample of that many per file.
+//           with --cuts, a seeded sample of that many per file;
+//           --in-process opens each case in this program, not in a child.
 //
 // Each case runs in a child under an alarm. After it, a second child opens
 // the region with nothing failing and judges it: the image must verify and
@@ -260,7 +261,7 @@ int RunMalloc(Runner &runner) {
 int Usage(const char *self) {
     fprintf(stderr,
             "usage: %s --io | --malloc | --damage [--cases N] [--cuts N] [--seed S]\n"
-            "       [--dir D] [--show] [--only N]\n",
+            "       [--dir D] [--show] [--only N] [--in-process]\n",
             self);
     return 2;
 }
@@ -273,13 +274,15 @@ int main(int argc, char **argv) {
     uint64_t cases = 100000, seed = 1;
     int64_t only = 0;
     uint64_t cuts = 0;
-    bool show = false;
+    bool show = false, in_process = false;
     for (int i = 1; i < argc; ++i) {
         std::string flag = argv[i];
         if (flag == "--io" || flag == "--malloc" || flag == "--damage")
             mode = flag;
         else if (flag == "--show")
             show = true;
+        else if (flag == "--in-process")
+            in_process = true;
         else if (i + 1 < argc && flag == "--cases")
             cases = strtoull(argv[++i], nullptr, 10);
         else if (i + 1 < argc && flag == "--cuts")
@@ -302,7 +305,7 @@ int main(int argc, char **argv) {
     }
     int status;
     if (mode == "--damage") {
-        status = faults::RunDamage(work + "/", cases, cuts, seed);
+        status = faults::RunDamage(work + "/", cases, cuts, seed, in_process);
     } else {
         faults::Runner runner{work + "/case/", faults::SharedOutcome(), show, 0, {}};
         status = mode == "--io" ? faults::RunIo(runner, only) : faults::RunMalloc(runner);

@@ -18,8 +18,10 @@ Ending RunInChild(const std::function<void()> &body, unsigned seconds);
 void MakeEmptyDirectory(const std::string &path);
 
 // The damaged-files mode: every cut of each file (a sample of at most
-// `cuts_per_file` when that is above 0) and `cases` seeded changes.
-// Returns the exit status of the program.
-int RunDamage(const std::string &work, uint64_t cases, uint64_t cuts_per_file, uint64_t seed);
+// `cuts_per_file` when that is above 0) and `cases` seeded changes, each
+// opened in a child or, `in_process`, here. Returns the exit status of the
+// program.
+int RunDamage(const std::string &work, uint64_t cases, uint64_t cuts_per_file, uint64_t seed,
+              bool in_process);
 
 } // namespace faults

@@ -222,20 +222,22 @@ void RunWorkload(const std::string &directory, Outcome *outcome, bool abandon) {
     }
 }
 
-void JudgeRegion(const std::string &directory, uint32_t root, int64_t last, Outcome *outcome) {
+LumRegion *JudgeRegion(const std::string &directory, uint32_t root, int64_t last,
+                       Outcome *outcome) {
     LumRegion *region;
     void *base;
     outcome->open_result =
         LumRegionOpen(kRegionName, kHardLimit, kHardLimit, 0, 0, directory.c_str(), &region, &base);
     outcome->recovered = -1;
     if (region == nullptr)
-        return;
+        return nullptr;
     outcome->verify_result = LumRegionVerify(region);
     LumRegionInfo info;
     LumRegionGetInfo(region, &info);
     outcome->recovered =
         MatchingCommit(kSeed, kShape, kSlots, last,
                        ImageItems(static_cast<uint8_t *>(base), info.used, root, kSlots));
+    return region;
 }
 
 } // namespace faults

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "lumregion.h"
+
 namespace faults {
 
 constexpr char kRegionName[] = "f";
@@ -46,7 +48,9 @@ void RunWorkload(const std::string &directory, Outcome *outcome, bool abandon = 
 
 // Opens the region in `directory` and records what it holds: the open's
 // and the verification's results, and which commit of the workload the
-// items equal (among commits 0 to `last`).
-void JudgeRegion(const std::string &directory, uint32_t root, int64_t last, Outcome *outcome);
+// items equal (among commits 0 to `last`). Returns the region it opened,
+// null when the open failed; a child that judges may leave it open.
+LumRegion *JudgeRegion(const std::string &directory, uint32_t root, int64_t last,
+                       Outcome *outcome);
 
 } // namespace faults
