@@ -2,7 +2,8 @@
 # The fault loops at length, under AddressSanitizer and LeakSanitizer (the
 # asan preset): every file call of the workload failed in each way, every
 # lum_malloc failed, and damaged file sets opened: every cut of each file
-# and N seeded changes (default 100000). Prints each mode's summary lines;
+# and N seeded changes (default 100000), in the program itself, where a
+# crash ends the run. Prints each mode's summary lines;
 # exits non-zero when any mode found a crash, a hang, a leak, a lost commit
 # or an image that does not verify. Further arguments go to each run
 # (--seed S, --dir D).
@@ -27,5 +28,5 @@ run() {
 }
 run --io "${@:2}"
 run --malloc "${@:2}"
-run --damage --cases "${1:-100000}" "${@:2}"
+run --damage --cases "${1:-100000}" --in-process "${@:2}" # minutes, not an hour
 exit $status
