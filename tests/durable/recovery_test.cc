@@ -196,6 +196,12 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
          [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 0, -1); }, 0, 16, 3, 1},
         {"a snapshot newer than chk 1 by both",
          [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 2, 1); }, 0, 15, 1, 3},
+        {"a snapshot stamped at the end of time: later stamps stop there",
+         [&](History &h) {
+             two_checkpoints(h), copy_chk1_as_tab(h, 2, 1);
+             Store32(h.Crashed(".tab"), file_header::kTimestamp, INT32_MAX);
+         },
+         0, 15, 1, 3},
         {"a snapshot and chk 1 of equal generation",
          [&](History &h) { two_checkpoints(h), copy_chk1_as_tab(h, 1, 1); }, LUM_RC_BAD_FILES, 0, 0,
          0},

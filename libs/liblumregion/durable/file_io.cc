@@ -21,13 +21,15 @@
 #include "platform/platform.h"
 
 // The checkpoint thread stamps a chk file while the host's thread may stamp
-// a log or a snapshot, so the step is one compare-and-swap.
+// a log or a snapshot, so the step is one compare-and-swap. A stamp seeded
+// from a damaged or far-future file stops at the largest value instead of
+// wrapping to the oldest.
 int32_t RegionNextTimestamp(LumRegion *region) {
     int32_t now = static_cast<int32_t>(time(nullptr));
     int32_t last = region->last_timestamp.load(std::memory_order_relaxed);
     int32_t next;
     do {
-        next = std::max(now, last + 1);
+        next = last == INT32_MAX ? last : std::max(now, last + 1);
     } while (!region->last_timestamp.compare_exchange_weak(last, next, std::memory_order_relaxed));
     return next;
 }
