@@ -3,9 +3,12 @@
 //   LogCpyInt      a logged write of a changing 32-bit value, against a plain
 //                  4-byte store plus the 16-byte copy of the record it makes;
 //   Commit         a transaction of 10 logged words and its commit, against
-//                  one write(2) of the same bytes to a file;
-//   Checkpoint     a checkpoint of N dirty pages, against pwrite(2) of the
-//                  same N pages, in bytes per second.
+//                  one write(2) of the same bytes to a file, and against
+//                  storing them into a shared mapping of a file (the floor
+//                  of a commit that makes no system call);
+//   Checkpoint     a checkpoint of N dirty pages, against one pwrite(2) of
+//                  the same N pages and against a pwrite(2) per page, in
+//                  bytes per second.
 // The ratios between the pairs are what the README reports.
 #include <benchmark/benchmark.h>
 #include <cstdio>
@@ -13,6 +16,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include "bench_region.h"
@@ -121,6 +125,32 @@ void BM_WriteSameBytes(benchmark::State &state) {
 }
 BENCHMARK(BM_WriteSameBytes);
 
+void BM_StoreSameBytesToSharedMapping(benchmark::State &state) {
+    Fixture &f = Bench();
+    constexpr size_t kSpan = 64 * kMiB;
+    std::string path = f.directory + "mapped";
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0 || posix_fallocate(fd, 0, kSpan) != 0)
+        abort();
+    void *mapped = mmap(nullptr, kSpan, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
+    if (mapped == MAP_FAILED)
+        abort();
+    auto *file = static_cast<uint8_t *>(mapped);
+    uint8_t bytes[kTransactionBytes] = {};
+    size_t at = 0;
+    for (auto _ : state) {
+        memcpy(file + at, bytes, sizeof bytes);
+        benchmark::ClobberMemory();
+        ++bytes[0];
+        at = at + 2 * sizeof bytes <= kSpan ? at + sizeof bytes : 0;
+    }
+    munmap(mapped, kSpan);
+    close(fd);
+    unlink(path.c_str());
+    state.SetBytesProcessed(state.iterations() * kTransactionBytes);
+}
+BENCHMARK(BM_StoreSameBytesToSharedMapping);
+
 void BM_CheckpointPages(benchmark::State &state) {
     Fixture &f = Bench();
     uint32_t pages = static_cast<uint32_t>(state.range(0));
@@ -155,6 +185,17 @@ void BM_PwritePages(benchmark::State &state) {
     state.SetBytesProcessed(state.iterations() * uint64_t{pages} * region_page_size);
 }
 BENCHMARK(BM_PwritePages)->Arg(256)->Arg(4096);
+
+void BM_PwriteSequential(benchmark::State &state) {
+    Fixture &f = Bench();
+    size_t bytes = static_cast<size_t>(state.range(0)) * region_page_size;
+    for (auto _ : state) {
+        if (pwrite(f.reference_fd, f.region->base, bytes, 0) != static_cast<ssize_t>(bytes))
+            abort();
+    }
+    state.SetBytesProcessed(state.iterations() * bytes);
+}
+BENCHMARK(BM_PwriteSequential)->Arg(256)->Arg(4096);
 
 } // namespace
 

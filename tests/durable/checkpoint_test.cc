@@ -26,21 +26,25 @@ Generations Of(const LumRegion *region) {
             region->flushed_generation.load(), region->checkpoint_state.load()};
 }
 
-// Records the pages written to the chk file of `parity`, runs `at_first` at
-// the first, and counts write barriers, which answer `barrier`.
+// Records the pages written to the chk file of `parity` and the writes that
+// carried them, runs `at_first` at the first, and counts write barriers,
+// which answer `barrier`.
 struct CheckpointHooks {
     CheckpointHooks(LumRegion *region, int parity, std::function<void()> at_first = {},
                     int barrier = 0) {
         fd = region->chk_fd[parity];
         action = std::move(at_first);
         barrier_result = barrier;
-        barriers = 0;
+        barriers = writes = 0;
         pages.clear();
         saved_barrier = std::exchange(region_write_barrier, 1);
         lum_platform.pwrite = [](int file, const void *buffer, size_t count, off_t offset) {
             if (file == fd && count != file_header::kSize) {
-                pages.push_back(offset / static_cast<off_t>(region_page_size));
-                if (pages.size() == 1 && action)
+                off_t page = static_cast<off_t>(region_page_size);
+                for (off_t at = offset / page * page; at < offset + static_cast<off_t>(count);
+                     at += page)
+                    pages.push_back(at / page);
+                if (++writes == 1 && action)
                     action();
             }
             return lum_platform_system.pwrite(file, buffer, count, offset);
@@ -48,7 +52,7 @@ struct CheckpointHooks {
         lum_platform.flush_write_buffers = [] { return ++barriers, barrier_result; };
     }
     ~CheckpointHooks() { region_write_barrier = saved_barrier; }
-    static inline int fd, barrier_result, barriers, saved_barrier;
+    static inline int fd, barrier_result, barriers, writes, saved_barrier;
     static inline Pages pages;
     static inline std::function<void()> action;
     lumtest::PlatformGuard guard;
@@ -112,6 +116,7 @@ TEST_F(CheckpointTest, GenerationsAlternateThroughCheckpointsAndTheirAcknowledge
         });
         ASSERT_EQ(LumRegionCheckpoint(region_), 0);
         EXPECT_EQ(first.pages, (Pages{0, 1, 2, 3})) << "every page below used";
+        EXPECT_EQ(first.writes, 1) << "neighbours go in one write";
     }
     EXPECT_EQ(Of(region_), (Generations{0, 1, 0, D}));
     auto chk = File(0, ".chk");
@@ -174,8 +179,7 @@ TEST_F(CheckpointTest, FailedCheckpointIsReportedKeepsUnwrittenMarksAndRetries) 
         rows[] = {
             {"header", false, false, 1, 0, 6, 0xF, "failed to write file header", 0},
             {"switching header", true, false, 1, 0, 6, 0xF, "failed to write file header", 0},
-            {"page 0", false, false, 2, 0, 7, 0xF, write_failed + "31" + enospc, 32},
-            {"page 1", false, false, 3, 0, 7, 0xE, write_failed + "-1" + enospc, Page()},
+            {"the pages", false, false, 2, 0, 7, 0xF, write_failed + "-1" + enospc, 32},
             {"barrier", false, false, 0, EPERM, 30, 0xF,
              "write barrier failed: Operation not permitted", 32},
             {"truncate", false, true, 0, 0, 8, 0,
@@ -212,6 +216,25 @@ TEST_F(CheckpointTest, FailedCheckpointIsReportedKeepsUnwrittenMarksAndRetries) 
         EXPECT_EQ(Word(0, ".chk"), 0u) << "the acknowledged pair is untouched";
         EXPECT_FALSE(Tail(0, 1).empty()) << "the log of generation 0 is kept";
     }
+}
+
+// A page that vanished under the checkpoint (the image shrank) ends the chk
+// file there; the marks of the pages not written stay.
+TEST_F(CheckpointTest, APageThatVanishedUnderTheCheckpointEndsTheFileThere) {
+    static constexpr off_t kVanished = 2 * 4096; // pages 2 and 3
+    ASSERT_EQ(Page(), 4096u);
+    lumtest::PlatformGuard guard;
+    lum_platform.pwrite = [](int fd, const void *bytes, size_t count, off_t at) -> ssize_t {
+        if (at + static_cast<off_t>(count) > kVanished)
+            return errno = EFAULT, -1;
+        return lum_platform_system.pwrite(fd, bytes, count, at);
+    };
+    ASSERT_EQ(LumRegionCheckpoint(region_), 0);
+    auto chk = File(0, ".chk");
+    ASSERT_EQ(chk.size(), 2 * Page());
+    EXPECT_EQ(memcmp(chk.data() + 32, region_->base + 32, chk.size() - 32), 0);
+    for (uint32_t page = 0; page < 4; ++page)
+        EXPECT_EQ(_LumDirtyMapTest(region_->dirty_map[0], page), page >= 2) << page;
 }
 
 // Online checkpoints an offline region's marks, or fails the log if an offline

@@ -235,7 +235,7 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         EXPECT_EQ(history.opened->generation.load(), generation);
         EXPECT_EQ(LumRegionVerify(history.opened), 0);
 
-        // A crash after the first page of the next checkpoint, which holds an
+        // A crash after the pages of the next checkpoint, which hold an
         // uncommitted change, recovers the same state: nothing the open needed
         // (nor a stale acknowledgement of a chk file it cut) is overwritten.
         LumSegment opened{history.opened, nullptr};
@@ -246,9 +246,10 @@ TEST_F(RecoveryTest, OpenRestoresTheNewestConsistentSourceAndReplaysItsLogs) {
         {
             lumtest::PlatformGuard guard;
             lum_platform.pwrite = [](int fd, const void *bytes, size_t count, off_t offset) {
-                if (offset == static_cast<off_t>(region_page_size))
+                ssize_t written = lum_platform_system.pwrite(fd, bytes, count, offset);
+                if (count != file_header::kSize)
                     CopyRegionFiles(from, to);
-                return lum_platform_system.pwrite(fd, bytes, count, offset);
+                return written;
             };
             ASSERT_EQ(LumRegionCheckpoint(history.opened), 0);
         }

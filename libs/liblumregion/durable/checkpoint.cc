@@ -78,21 +78,6 @@ void Report(uint32_t id, const char *text) {
     LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, id, "%s", text);
 }
 
-// Writes page `page` of the image to the chk file and returns what
-// _LumPwrite did: the page size, short, or -1 with errno. The first 32 bytes
-// of page 0 are the file's header and are not written over; they count as
-// written, so a failed write of page 0 gives 31.
-ssize_t WritePage(LumRegion *region, int fd, uint32_t page) {
-    [[maybe_unused]] FuzzyPageRead fuzzy;
-    if (page == 0) {
-        return _LumPwrite(fd, region->base + file_header::kSize,
-                          region_page_size - file_header::kSize, file_header::kSize) +
-               file_header::kSize;
-    }
-    uint64_t offset = static_cast<uint64_t>(page) * region_page_size;
-    return _LumPwrite(fd, region->base + offset, region_page_size, static_cast<int64_t>(offset));
-}
-
 // The marks of one window of pages [first, end), taken from a map at once,
 // so that one write barrier serves them all (dirty_map.cc says why it is
 // needed). 64 words: 8 MiB of 4 KiB pages.
@@ -130,27 +115,64 @@ void GiveBackMarks(DirtyMap *map, const Window &window, uint32_t page) {
     }
 }
 
-// Writes the window's marked pages. When the image turns out to end inside
-// the window, *pages becomes the new end. False on a failed write.
+// Writes pages [first, end) of the image to the chk file in one call: the
+// image and the file share their offsets, so neighbouring pages are one
+// stretch of both. The first 32 bytes of page 0 are the file's header and
+// are not written over. True when all went; else errno and *written (what
+// _LumPwrite returned) say why.
+bool WritePages(LumRegion *region, int fd, uint32_t first, uint32_t end, ssize_t *written) {
+    [[maybe_unused]] FuzzyPageRead fuzzy;
+    uint64_t from = first == 0 ? file_header::kSize : uint64_t{first} * region_page_size;
+    uint64_t to = uint64_t{end} * region_page_size;
+    errno = 0;
+    *written = _LumPwrite(fd, region->base + from, static_cast<uint32_t>(to - from),
+                          static_cast<int64_t>(from));
+    return *written == static_cast<ssize_t>(to - from);
+}
+
+// Writes a run of marked pages and returns the first page not written: `end`
+// when all were. A write fails with EFAULT when a page of the run vanished
+// (the image shrank under the checkpoint); the run then goes again page by
+// page, to find where the image now ends.
+uint32_t WriteRun(LumRegion *region, int fd, uint32_t first, uint32_t end, ssize_t *written) {
+    if (WritePages(region, fd, first, end, written))
+        return end;
+    if (errno != EFAULT)
+        return first;
+    uint32_t page = first;
+    while (page < end && WritePages(region, fd, page, page + 1, written))
+        ++page;
+    return page;
+}
+
+// Writes the window's marked pages, a run of neighbours at a time. When the
+// image turns out to end inside the window, *pages becomes the new end.
+// False on a failed write.
 bool WriteWindow(LumRegion *region, int fd, DirtyMap *map, const Window &window, uint32_t *pages) {
-    for (uint32_t page = window.first; page < window.end; ++page) {
-        if (!window.Marked(page))
+    uint32_t page = window.first;
+    while (page < window.end) {
+        if (!window.Marked(page)) {
+            ++page;
             continue;
-        errno = 0;
-        ssize_t written = WritePage(region, fd, page);
-        if (written == -1 && errno == EFAULT && page > 0) {
-            GiveBackMarks(map, window, page);
-            *pages = page; // the image shrank under the checkpoint: it ends here
-            return true;
         }
-        if (written != static_cast<ssize_t>(region_page_size)) {
+        uint32_t end = page + 1;
+        while (end < window.end && window.Marked(end))
+            ++end;
+        ssize_t written = 0;
+        uint32_t stopped = WriteRun(region, fd, page, end, &written);
+        if (stopped < end) {
             int error = errno;
-            GiveBackMarks(map, window, page);
+            GiveBackMarks(map, window, stopped);
+            if (error == EFAULT && stopped > 0) {
+                *pages = stopped; // the image shrank under the checkpoint: it ends here
+                return true;
+            }
             LumLog(LUM_LOG_DEBUG, RegionDebug(), region_catalog, kSetReport, 7,
                    "_LumRegionCheckpoint(): write failed: written %d, pagesize %u, errno %d (%s)",
                    static_cast<int>(written), region_page_size, error, strerror(error));
             return false;
         }
+        page = end;
     }
     return true;
 }
