@@ -46,6 +46,21 @@ TEST_F(PersistentTest, FirstCommitWritesTheWorkedExampleLogAndLaterOnesAppend) {
                                                   {2240, LOG_DATA, fill, Page()},
                                                   {2252 + fill, LOG_SIZE, 0, 256 * 1024},
                                                   {2264 + fill, LOG_COMMIT, 0, 0}}));
+
+    // A short change takes the buffer's tail only when its whole record fits.
+    uint32_t end = 2276 + fill, room = 20;
+    ASSERT_EQ(region->log_buffer->used, 0u);
+    fill = region->log_buffer->capacity - 24 - room; // behind the opening LOG_SIZE
+    Change(region, Page(), fill, 0x55);
+    Change(region, 400, 4, 0x66); // 16 bytes: 4 left
+    Change(region, 404, 4, 0x77); // too many for 4: a flush first
+    Commit(region);
+    EXPECT_EQ(HeadsOf(Read("p_0.log"), 12), (Heads{{end, LOG_SIZE, 0, 256 * 1024},
+                                                   {end + 12, LOG_DATA, fill, Page()},
+                                                   {end + 24 + fill, LOG_DATA, 4, 400},
+                                                   {end + 40 + fill, LOG_SIZE, 0, 256 * 1024},
+                                                   {end + 52 + fill, LOG_DATA, 4, 404},
+                                                   {end + 68 + fill, LOG_COMMIT, 0, 0}}));
     EXPECT_EQ(LumRegionClose(region), 0);
 }
 
